@@ -1,0 +1,196 @@
+#include "libutil/dopanic.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "libutil/child_process.h"
+#include "libutil/priv_check.h"
+
+static const char kx_source_path[] = "tests/libutil/dopanic_test";
+
+// Asserts and first prints the line number the assertion reports.
+#define KX_ASSERT_SHOWING_LINE(e) (std::printf("%d", __LINE__), std::fflush(stdout), KX_ASSERT(e))
+
+namespace {
+
+using libutil_test::ChildResult;
+using libutil_test::RunInChild;
+
+std::vector<std::pair<int, std::string>> g_logged;
+void RecordLog(int level, const char *text) {
+  g_logged.emplace_back(level, text);
+}
+
+// Every case runs in a child: panics end the process, and the checked-build
+// check logs its reason once per process.
+class DoPanicTest : public ::testing::Test {
+ protected:
+  static ChildResult Run(const std::function<void()> &body) {
+    return RunInChild([&] {
+      unsetenv("VDFS_CHECKED_BUILD");
+      unsetenv("APPLIANCE_TYPE");
+      body();
+    });
+  }
+  // Prints the checked-build result and every logged line as "level:text|".
+  static ChildResult RunChecked(const char *checked, const char *appliance) {
+    return Run([=] {
+      if (checked != nullptr) setenv("VDFS_CHECKED_BUILD", checked, 1);
+      if (appliance != nullptr) setenv("APPLIANCE_TYPE", appliance, 1);
+      WriteLog = RecordLog;
+      const int first = IsVdfsCheckedBuild();
+      const int second = IsVdfsCheckedBuild();
+      std::printf("%d%d", first, second);
+      for (const auto &[level, text] : g_logged) std::printf(" %d:%s|", level, text.c_str());
+    });
+  }
+  static bool TouchFileExists() {
+    struct stat st;
+    return stat("/usr/burn/test/checked_build/ENABLED", &st) == 0;
+  }
+};
+
+TEST_F(DoPanicTest, FailedAssertionWritesOneLineAndAborts) {
+  auto r = Run([] {
+    set_caller_name("vdpostrestore");
+    int entries = 2;
+    KX_ASSERT_SHOWING_LINE(entries == 3);
+  });
+  EXPECT_TRUE(r.killed_by(SIGABRT)) << r.status;
+  ASSERT_FALSE(r.out.empty());
+  EXPECT_EQ(
+      "PANIC: vdpostrestore ASSERT failed \"entries == 3\" file "
+      "tests/libutil/dopanic_test, line " +
+          r.out + "\n",
+      r.err);
+}
+
+TEST_F(DoPanicTest, NoCorePanicExitsWithConfiguredStatus) {
+  auto r = Run([] {
+    PanicNoCoreExitCode = 7;
+    std::snprintf(PanicNomenclature, sizeof PanicNomenclature, "HALT");
+    DoPanic("bad ", "x", 0, "libutil/f", 12);
+  });
+  EXPECT_TRUE(r.exited_with(7)) << r.status;
+  EXPECT_EQ("HALT: libutil bad \"x\" file libutil/f, line 12\n", r.err);
+}
+
+TEST_F(DoPanicTest, HookThatReturnsEndsWithStatusOne) {
+  auto r = Run([] {
+    DoPanicFn = [](const char *msg, const char *expr, int core, const char *file, int line) {
+      std::fprintf(stderr, "[%s|%s|%d|%s|%d]", msg, expr, core, file, line);
+    };
+    KX_ASSERT_SHOWING_LINE(false);
+  });
+  EXPECT_TRUE(r.exited_with(1)) << r.status;
+  EXPECT_EQ("[ASSERT failed |false|1|tests/libutil/dopanic_test|" + r.out + "]", r.err);
+}
+
+TEST_F(DoPanicTest, OverlongPanicLineIsCut) {
+  auto r = Run([] {
+    const std::string expr(5000, 'e');
+    DoPanic("m ", expr.c_str(), 0, "f", 1);
+  });
+  EXPECT_TRUE(r.exited_with(1));
+  ASSERT_EQ(2048u, r.err.size());
+  EXPECT_EQ("PANIC: libutil m \"eee", r.err.substr(0, 21));
+  EXPECT_EQ("e\n", r.err.substr(2046));
+}
+
+TEST_F(DoPanicTest, CheckedBuildEnvZeroDisables) {
+  EXPECT_EQ("00 1:Checked Build disabled - 'VDFS_CHECKED_BUILD' env var.\n|",
+            RunChecked("0", nullptr).out);
+  EXPECT_EQ("00 1:Checked Build disabled - 'VDFS_CHECKED_BUILD' env var.\n|",
+            RunChecked("0ff", nullptr).out);
+}
+
+TEST_F(DoPanicTest, CheckedBuildAnyOtherEnvValueEnablesEvenOnAppliance) {
+  const std::string enabled = "11 0:Checked Build enabled - 'VDFS_CHECKED_BUILD' env var.\n|";
+  EXPECT_EQ(enabled, RunChecked("1", nullptr).out);
+  EXPECT_EQ(enabled, RunChecked("", nullptr).out);
+  EXPECT_EQ(enabled, RunChecked("no", "merrow").out);
+}
+
+TEST_F(DoPanicTest, ApplianceDisablesCheckedBuild) {
+  EXPECT_EQ("00 1:Checked Build disabled - Merrow.\n|", RunChecked(nullptr, "tarnhol").out);
+  EXPECT_EQ("00 1:Checked Build disabled - Merrow.\n|", RunChecked(nullptr, "merrow").out);
+}
+
+TEST_F(DoPanicTest, DefaultIsNotCheckedAndApplianceNeedsExactName) {
+  if (TouchFileExists()) GTEST_SKIP() << "checked-build touch file present on this host";
+  EXPECT_EQ("00 1:Checked Build disabled - default.\n|", RunChecked(nullptr, "tarnholX").out);
+  EXPECT_EQ("00 1:Checked Build disabled - default.\n|", RunChecked(nullptr, nullptr).out);
+}
+
+TEST_F(DoPanicTest, OrbulanApplianceMatchesExactly) {
+  auto r = Run([] {
+    for (const char *v : {"tarnhol", "merrow", "tarnhol ", "Merrow", "", "tarn"}) {
+      setenv("APPLIANCE_TYPE", v, 1);
+      std::printf("%d", IsOrbulanAppliance());
+    }
+    unsetenv("APPLIANCE_TYPE");
+    std::printf("%d", IsOrbulanAppliance());
+  });
+  EXPECT_EQ("1100000", r.out);
+}
+
+TEST_F(DoPanicTest, CheckedBuildPanicDumpsCoreWithEmptyMessageWord) {
+  auto r = Run([] {
+    setenv("VDFS_CHECKED_BUILD", "1", 1);
+    PanicCheckedBuild("libutil/x", 42, "bad count %d", 5);
+  });
+  EXPECT_TRUE(r.killed_by(SIGABRT)) << r.status;
+  EXPECT_EQ("PANIC: libutil \"bad count 5\" file libutil/x, line 42\n", r.err);
+}
+
+TEST_F(DoPanicTest, UncheckedBuildReportsErrorLineAndReturns) {
+  auto r = Run([] {
+    setenv("VDFS_CHECKED_BUILD", "0", 1);
+    PanicCheckedBuild("libutil/x", 42, "bad count %d", 5);
+    std::printf("returned");
+  });
+  EXPECT_TRUE(r.exited_with(0));
+  EXPECT_EQ("returned", r.out);
+  EXPECT_EQ("ERROR (libutil/x:42) bad count 5\n", r.err);
+}
+
+TEST_F(DoPanicTest, UncheckedBuildErrorGoesToWriteLogAtErrorLevel) {
+  auto r = Run([] {
+    setenv("VDFS_CHECKED_BUILD", "0", 1);
+    WriteLog = RecordLog;
+    PanicCheckedBuild("f", 1, "%s", std::string(3000, 'm').c_str());
+    const auto &[level, text] = g_logged.back();
+    std::printf("%zu %d %zu %s %s", g_logged.size(), level, text.size(), text.substr(0, 14).c_str(),
+                text.substr(text.size() - 2) == "m\n" ? "nl" : "-");
+  });
+  // The error line is cut to 1023 characters, then gets its newline back.
+  EXPECT_EQ("2 3 1024 ERROR (f:1) mm nl", r.out);
+}
+
+TEST_F(DoPanicTest, WriteLogLineWithoutHookGetsNewline) {
+  auto r = Run([] {
+    PanicCheckedWriteLog("one");
+    PanicCheckedWriteLog("two\n");
+    PanicCheckedWriteLog("");
+  });
+  EXPECT_EQ("one\ntwo\n\n", r.err);
+}
+
+TEST_F(DoPanicTest, WriteLogLineWithHookGetsNewline) {
+  auto r = Run([] {
+    WriteLog = RecordLog;
+    PanicCheckedWriteLog("one");
+    PanicCheckedWriteLog("two\n");
+    PanicCheckedWriteLog("");
+    for (const auto &[level, text] : g_logged) std::printf("%d:%s|", level, text.c_str());
+  });
+  EXPECT_EQ("3:one\n|3:two\n|3:\n|", r.out);
+  EXPECT_EQ("", r.err);
+}
+
+}  // namespace

@@ -1,0 +1,182 @@
+#include "libutil/hash_table.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "libutil/kxlog.h"
+
+namespace {
+
+std::vector<std::string> g_log;
+void RecordLog(int level, const char *format, ...) {
+  char buf[512];
+  va_list ap;
+  va_start(ap, format);
+  std::vsnprintf(buf, sizeof buf, format, ap);
+  va_end(ap);
+  g_log.push_back(std::to_string(level) + ":" + buf);
+}
+
+// Captures the table's log lines; every table made through Make() is
+// destroyed at the end of the case (so ASan sees every entry freed).
+class HashTableTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_log.clear();
+    saved_ = __kxfs_logfn;
+    __kxfs_logfn = RecordLog;
+  }
+  void TearDown() override {
+    for (vd_hash_t *t : tables_) vd_hash_destroy(t);
+    __kxfs_logfn = saved_;
+  }
+  vd_hash_t *Make(vd_hash_t *t) {
+    if (t != nullptr) tables_.push_back(t);
+    return t;
+  }
+  static void *Str(const char *s) { return const_cast<char *>(s); }
+
+  kxfs_logfn_t saved_ = nullptr;
+  std::vector<vd_hash_t *> tables_;
+};
+
+TEST_F(HashTableTest, NameHashArithmetic) {
+  EXPECT_EQ(0u, vd_name_hash(""));
+  EXPECT_EQ(97u, vd_name_hash("a"));
+  EXPECT_EQ(6363201u, vd_name_hash("ab"));
+  // 0xE9 is read as -23: 97 * 65599 - 23, and alone it wraps below zero.
+  EXPECT_EQ(6363080u, vd_name_hash("a\xE9"));
+  EXPECT_EQ(static_cast<uint32_t>(-23), vd_name_hash("\xE9"));
+  // Unsigned 32-bit wrap-around over a longer name.
+  uint32_t h = 0;
+  for (char c : std::string("policy_name_long")) h = h * 0x1003Fu + static_cast<uint32_t>(c);
+  EXPECT_EQ(h, vd_name_hash("policy_name_long"));
+}
+
+TEST_F(HashTableTest, Uint64HashFoldsHalves) {
+  const uint64_t key = 0x12345678ABCDEF01ull;
+  EXPECT_EQ(0x12345678u ^ 0xABCDEF01u, uint64_hash(&key));
+}
+
+TEST_F(HashTableTest, CountIsInsertsNotEntries) {
+  vd_hash_t *t = Make(vd_hash_create(7));
+  ASSERT_NE(nullptr, t);
+  ASSERT_NE(nullptr, vd_hash_insert(t, "k", Str("v")));
+  EXPECT_EQ(0, vd_hash_delete(t, "k"));
+  EXPECT_EQ(1u, vd_hash_count(t));
+  EXPECT_EQ(nullptr, vd_hash_search(t, "k"));
+  EXPECT_EQ(1, vd_hash_delete(t, "k"));
+}
+
+TEST_F(HashTableTest, NewestDuplicateFoundFirst) {
+  vd_hash_t *t = Make(vd_hash_create(1));
+  vd_hash_insert(t, "dup", Str("first"));
+  vd_hash_insert(t, "other", Str("x"));
+  vd_hash_insert(t, "dup", Str("second"));
+  EXPECT_STREQ("second", static_cast<char *>(vd_hash_search(t, "dup")));
+  EXPECT_EQ(0, vd_hash_delete(t, "dup"));
+  EXPECT_STREQ("first", static_cast<char *>(vd_hash_search(t, "dup")));
+  EXPECT_STREQ("x", static_cast<char *>(vd_hash_search(t, "other")));
+}
+
+TEST_F(HashTableTest, StringTableCopiesKeyAndLeavesValueToCaller) {
+  vd_hash_t *t = Make(vd_hash_create(3));
+  char key[] = "name";
+  std::string value = "caller owned";
+  void **slot = vd_hash_insert(t, key, value.data());
+  ASSERT_NE(nullptr, slot);
+  EXPECT_EQ(value.data(), *slot);
+  key[0] = 'g';
+  EXPECT_EQ(value.data(), vd_hash_search(t, "name"));
+  EXPECT_EQ(0, vd_hash_delete(t, "name"));
+  EXPECT_EQ("caller owned", value);  // still ours
+}
+
+TEST_F(HashTableTest, Uint64TableOwnsValues) {
+  vd_hash_t *t = Make(vd_hash_create_uint64(5));
+  // Heap values: the table frees them on delete and destroy (ASan checks).
+  for (uint64_t k = 0; k < 20; ++k) vd_hash_insert_uint64(t, k << 32, std::malloc(8));
+  void *mine = std::malloc(16);
+  vd_hash_insert_uint64(t, 99, mine);
+  EXPECT_EQ(mine, vd_hash_search_uint64(t, 99));
+  EXPECT_EQ(0, vd_hash_delete_uint64(t, 99));
+  EXPECT_EQ(nullptr, vd_hash_search_uint64(t, 99));
+  EXPECT_EQ(1, vd_hash_delete_uint64(t, 99));
+  EXPECT_EQ(0, vd_hash_delete_uint64(t, 5ull << 32));
+}
+
+TEST_F(HashTableTest, InlineValuesStartZeroed) {
+  vd_hash_t *t = Make(vd_hash_create_uint64_val(3, 40));
+  auto *v = static_cast<unsigned char *>(vd_hash_insert_uint64_val(t, 7));
+  ASSERT_NE(nullptr, v);
+  for (int i = 0; i < 40; ++i) EXPECT_EQ(0, v[i]);
+  std::memset(v, 0xEE, 40);
+  EXPECT_EQ(v, vd_hash_search_uint64_val(t, 7));
+  EXPECT_EQ(0, vd_hash_delete_uint64_val(t, 7));
+  auto *again = static_cast<unsigned char *>(vd_hash_insert_uint64_val(t, 7));
+  for (int i = 0; i < 40; ++i) EXPECT_EQ(0, again[i]);
+  EXPECT_EQ(nullptr, vd_hash_search_uint64_val(t, 8));
+}
+
+struct Visit {
+  std::string order;
+  vd_hash_t *table = nullptr;
+};
+
+TEST_F(HashTableTest, IterateBucketsInOrderChainsFromHead) {
+  vd_hash_t *t = Make(vd_hash_create_uint64_val(3, sizeof(int)));
+  // Keys 0..5 land in buckets 0,1,2,0,1,2; each insert becomes its chain's head.
+  for (uint64_t k = 0; k < 6; ++k)
+    *static_cast<int *>(vd_hash_insert_uint64_val(t, k)) = int(k) * 10;
+  Visit visit{"", t};
+  vd_hash_iterate_uint64_val(t, &visit, [](void *arg, uint64_t key, void *value) {
+    auto *v = static_cast<Visit *>(arg);
+    v->order += std::to_string(key) + "=" + std::to_string(*static_cast<int *>(value)) + " ";
+    vd_hash_delete_uint64_val(v->table, key);  // deleting the visited entry is allowed
+  });
+  EXPECT_EQ("3=30 0=0 4=40 1=10 5=50 2=20 ", visit.order);
+  EXPECT_EQ(nullptr, vd_hash_search_uint64_val(t, 4));
+}
+
+TEST_F(HashTableTest, MoveToFrontReordersChain) {
+  vd_hash_t *t = Make(vd_hash_create_uint64_val(1, 1));
+  for (uint64_t k = 1; k <= 3; ++k) vd_hash_insert_uint64_val(t, k);
+  vd_hash_set_flags(t, VD_HASH_MOVE_TO_FRONT);
+  vd_hash_search_uint64_val(t, 1);
+  std::string order;
+  vd_hash_iterate_uint64_val(t, &order, [](void *arg, uint64_t key, void *) {
+    *static_cast<std::string *>(arg) += std::to_string(key);
+  });
+  EXPECT_EQ("132", order);
+}
+
+TEST_F(HashTableTest, InfoLogsChainStatistics) {
+  vd_hash_t *t = Make(vd_hash_create_uint64(4));
+  for (uint64_t k : {0, 4, 8, 1, 2}) vd_hash_insert_uint64(t, k, nullptr);
+  vd_hash_info(t);
+  ASSERT_EQ(1u, g_log.size());
+  EXPECT_EQ("1:4 buckets, min 0, max 3, avg 1\n", g_log[0]);
+}
+
+TEST_F(HashTableTest, BadArgumentsAreRefused) {
+  EXPECT_EQ(nullptr, Make(vd_hash_create(0)));
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(nullptr, Make(vd_hash_create_uint64_val(2, UINT32_MAX)));
+  vd_hash_t *names = Make(vd_hash_create(2));
+  vd_hash_t *ids = Make(vd_hash_create_uint64(2));
+  EXPECT_EQ(nullptr, vd_hash_insert(names, nullptr, nullptr));
+  EXPECT_EQ(nullptr, vd_hash_insert_uint64(names, 1, nullptr));  // wrong flavour
+  EXPECT_EQ(nullptr, vd_hash_insert(ids, "x", nullptr));
+  EXPECT_EQ(nullptr, vd_hash_search(nullptr, "x"));
+  EXPECT_EQ(1, vd_hash_delete(names, nullptr));
+  EXPECT_EQ(0u, vd_hash_count(names));
+  vd_hash_destroy(nullptr);
+}
+
+}  // namespace
