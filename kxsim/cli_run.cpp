@@ -1,0 +1,71 @@
+// kxsim run: runs a command under the simulator.
+#include <unistd.h>
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "kxsim/cli_common.h"
+#include "kxsim/path_resolve.h"
+
+#ifndef KXSIM_RUNTIME_PRELOAD
+#define KXSIM_RUNTIME_PRELOAD ""
+#endif
+
+namespace kxsim::cli {
+
+namespace {
+// libkxsim.so lives next to the kxsim binary.
+std::string library_path() {
+  char self[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) return {};
+  std::string dir(self, static_cast<std::size_t>(n));
+  return dir.substr(0, dir.rfind('/')) + "/libkxsim.so";
+}
+
+// A sanitizer runtime (in instrumented builds) must come first, then any
+// preloads already asked for, then the simulator.
+std::string preload_value(const std::string &lib) {
+  std::string value;
+  std::string runtime = KXSIM_RUNTIME_PRELOAD;
+  const char *old = std::getenv("LD_PRELOAD");
+  std::string existing = old ? old : "";
+  if (!runtime.empty() && existing.find(runtime) == std::string::npos) value = runtime;
+  if (!existing.empty() && existing.find("libkxsim.so") == std::string::npos) {
+    value += (value.empty() ? "" : ":") + existing;
+  } else if (!existing.empty()) {
+    return existing;
+  }
+  value += (value.empty() ? "" : ":") + lib;
+  return value;
+}
+}  // namespace
+
+int cmd_run(Args args) {
+  auto config = take_option(args, "--config");
+  if (args.empty() || args[0] != "--" || args.size() < 2 || (config && config->empty())) {
+    return fail("usage: kxsim run [--config FILE] -- CMD ARGS...");
+  }
+  if (config) {
+    std::string abs = absolute_path(AT_FDCWD, config->c_str());
+    setenv("KXSIM_CONFIG", abs.c_str(), 1);
+  } else if (!std::getenv("KXSIM_CONFIG")) {
+    return fail("run needs --config FILE or KXSIM_CONFIG");
+  }
+  std::string lib = library_path();
+  if (lib.empty() || access(lib.c_str(), R_OK) != 0) {
+    return fail("cannot find the simulator library " + lib);
+  }
+  setenv("LD_PRELOAD", preload_value(lib).c_str(), 1);
+  std::vector<char *> argv;
+  for (std::size_t i = 1; i < args.size(); ++i) argv.push_back(args[i].data());
+  argv.push_back(nullptr);
+  execvp(argv[0], argv.data());
+  return fail(args[1] + ": " + std::strerror(errno));
+}
+
+}  // namespace kxsim::cli

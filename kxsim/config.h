@@ -1,0 +1,46 @@
+// The registry of simulated mounts: the configuration file named by
+// KXSIM_CONFIG, written by `kxsim mkfs`.
+//
+// Format, one mount per line ('#' starts a comment line):
+//   mount <fsid as 16 hex digits> <rename tracking 0|1> <absolute directory>
+// The directory comes last so that it may hold blanks.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kxsim {
+
+struct Mount {
+  std::string dir;  // canonical absolute path, no trailing slash
+  std::uint64_t fsid = 0;
+  bool rename_tracking = true;
+};
+
+struct Config {
+  std::vector<Mount> mounts;
+
+  // The mount holding an absolute canonical path (longest match), or null.
+  const Mount *find_by_path(std::string_view path) const;
+  const Mount *find_by_fsid(std::uint64_t fsid) const;
+};
+
+// Parses the text; on a malformed line returns false and names it in `error`.
+bool parse_config(std::string_view text, Config &out, std::string &error);
+std::string format_config(const Config &cfg);
+
+// The fsid a mount gets when none is chosen: a hash of the directory, never 0.
+std::uint64_t default_fsid(std::string_view dir);
+
+// Where the driver's per-object state lives: next to the configuration file.
+std::string state_dir_for(const std::string &config_path);
+
+// True when `path` is `dir` or lies below it.
+bool path_within(std::string_view path, std::string_view dir);
+
+// Path of `path` relative to `dir` ("" for dir itself); path must be within.
+std::string_view relative_to(std::string_view path, std::string_view dir);
+
+}  // namespace kxsim

@@ -1,0 +1,41 @@
+#include "kxsim/identity.h"
+
+#include <fcntl.h>
+
+#include <cstdio>
+
+namespace kxsim {
+
+namespace {
+constexpr unsigned kMask = STATX_BASIC_STATS | STATX_BTIME;
+
+void fill(Identity &out) {
+  out.ino = out.stx.stx_ino;
+  if (out.stx.stx_mask & STATX_BTIME) {
+    auto sec = static_cast<std::uint64_t>(out.stx.stx_btime.tv_sec);
+    std::uint64_t v = sec * 1000000000ULL + out.stx.stx_btime.tv_nsec;
+    out.generation = static_cast<std::uint32_t>(v ^ (v >> 32));
+    char buf[48];
+    std::snprintf(buf, sizeof buf, "%llu.%09u", static_cast<unsigned long long>(sec),
+                  out.stx.stx_btime.tv_nsec);
+    out.born = buf;
+  } else {
+    out.generation = 0;
+    out.born = "-";
+  }
+}
+}  // namespace
+
+bool identify_path(const std::string &path, Identity &out) {
+  if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, kMask, &out.stx) != 0) return false;
+  fill(out);
+  return true;
+}
+
+bool identify_fd(int fd, Identity &out) {
+  if (statx(fd, "", AT_EMPTY_PATH, kMask, &out.stx) != 0) return false;
+  fill(out);
+  return true;
+}
+
+}  // namespace kxsim

@@ -1,0 +1,21 @@
+// The optional request log named by KXSIM_LOG: one line per request,
+// appended with a single write so that lines of several processes never mix:
+//   <kind> 0x<code> <object> [key=value ...] result=0
+//   <kind> 0x<code> <object> [key=value ...] result=-1 errno=<NAME>
+// Blanks, tabs, newlines and backslashes inside the object are written as
+// octal escapes (\040, \011, \012, \134), as in the mount table.
+#pragma once
+
+#include <string>
+
+#include "kxsim/request.h"
+
+namespace kxsim {
+
+std::string format_log_line(const RequestInfo &info, int result, int err);
+// Appends the line when KXSIM_LOG is set; failures to log are ignored.
+void write_request_log(const RequestInfo &info, int result, int err);
+// Escapes like the mount table does.
+std::string escape_field(const std::string &text);
+
+}  // namespace kxsim

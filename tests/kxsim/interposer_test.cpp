@@ -1,0 +1,138 @@
+// The interposer's own rules: pass through what is not the simulator's,
+// keep errno, never recurse, list simulated mounts, and stay consistent
+// under concurrent use.
+#include <mntent.h>
+
+#include <atomic>
+#include <thread>
+
+#include "sim_fixture.h"
+
+namespace kxsim_test {
+namespace {
+
+class InterposerTest : public SimTest {
+ protected:
+  void SetUp() override {
+    SimTest::SetUp();
+    make_file("f");
+    outside_ = root_ + "/outside";
+    std::ofstream(outside_) << "x";
+  }
+  std::string outside_;
+};
+
+TEST_F(InterposerTest, RequestsOutsideMountsBehaveAsWithoutTheDriver) {
+  Buf b(160, 0);
+  int err;
+  EXPECT_EQ(-1, file_ioctl(outside_, 0x40E, b, &err));
+  EXPECT_EQ(ENOTTY, err);
+  setenv("KXSIM_FAULTS", "kind=open,errno=EIO,path=nothing-matches", 1);
+  int fd = open(outside_.c_str(), O_RDONLY);
+  EXPECT_GE(fd, 0);
+  close(fd);
+}
+
+TEST_F(InterposerTest, InertWithoutConfiguration) {
+  Buf h = path_to_handle(path("f"));
+  close_ctl();
+  unsetenv("KXSIM_CONFIG");
+  Buf b(160, 0);
+  int err;
+  EXPECT_EQ(-1, file_ioctl(path("f"), 0x40E, b, &err));
+  EXPECT_EQ(ENOTTY, err);
+  errno = 0;
+  EXPECT_EQ(-1, open(special_path(h).c_str(), O_RDONLY));
+  EXPECT_EQ(ENOENT, errno);
+  FILE *m = setmntent("/proc/mounts", "r");
+  ASSERT_NE(m, nullptr);
+  while (mntent *e = getmntent(m)) EXPECT_STRNE("kxfs", e->mnt_type);
+  endmntent(m);
+}
+
+TEST_F(InterposerTest, ErrnoIsKeptOnSuccess) {
+  errno = 4242;
+  ASSERT_GE(ctl(), 0);
+  EXPECT_EQ(4242, errno);
+  Buf b(256, 0);
+  errno = 4243;
+  ASSERT_EQ(0, dmig(1, b));
+  EXPECT_EQ(4243, errno);
+  Buf g(184, 0);
+  errno = 4244;
+  int fd = open(path("f").c_str(), O_RDONLY);
+  ASSERT_EQ(0, ioctl(fd, 0x40C, g.data()));
+  EXPECT_EQ(4244, errno);
+  close(fd);
+  errno = 4245;
+  ASSERT_EQ(0, unlink(path("f").c_str()));
+  EXPECT_EQ(4245, errno);
+}
+
+TEST_F(InterposerTest, NoInternalRecursion) {
+  setenv("KXSIM_TRACE", "1", 1);
+  setenv("KXSIM_LOG", (root_ + "/log").c_str(), 1);
+  setenv("KXSIM_FAULTS", "kind=ioctl,name=NONE,errno=EIO", 1);
+  testing::internal::CaptureStderr();
+  Buf h = path_to_handle(path("f"));
+  int fd = open(special_path(h).c_str(), O_RDONLY);
+  Buf b(160, 0);
+  ioctl(fd, 0x40E, b.data());
+  close(fd);
+  FILE *m = setmntent("/proc/mounts", "r");
+  if (m) endmntent(m);
+  unlink(path("f").c_str());
+  std::string err = testing::internal::GetCapturedStderr();
+  unsetenv("KXSIM_TRACE");
+  EXPECT_EQ(std::string::npos, err.find("recursion")) << err;
+  EXPECT_NE(std::string::npos, err.find("dmig 0x7")) << "tracing is on";
+}
+
+TEST_F(InterposerTest, MountTableListsSimulatedMounts) {
+  ASSERT_EQ(0, cli("mkfs '" + root_ + "/with space'").status);
+  FILE *m = setmntent("/proc/mounts", "r");
+  ASSERT_NE(m, nullptr);
+  std::vector<std::string> kxfs;
+  int real = 0;
+  mntent ent;
+  char buf[4096];
+  while (getmntent_r(m, &ent, buf, sizeof buf)) {
+    if (std::string(ent.mnt_type) == "kxfs") {
+      kxfs.push_back(ent.mnt_dir);
+    } else {
+      ++real;
+    }
+  }
+  endmntent(m);
+  EXPECT_GT(real, 0);
+  EXPECT_EQ((std::vector<std::string>{mnt_, root_ + "/with space"}), kxfs);
+}
+
+TEST_F(InterposerTest, ConcurrentRequestsStayConsistent) {
+  Buf h = path_to_handle(path("f"));
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 50; ++i) {
+        int fd = open(special_path(h).c_str(), O_RDONLY);
+        Buf set(160, 0);
+        std::string name = "T" + std::to_string(t);
+        std::memcpy(set.data() + 24, name.data(), name.size());
+        put<std::uint16_t>(set, 14, 1);
+        set[32] = static_cast<unsigned char>(i);
+        if (fd < 0 || ioctl(fd, 0x40F, set.data()) != 0) ++failures;
+        if (fd >= 0) close(fd);
+      }
+    });
+  }
+  for (auto &t : threads) t.join();
+  EXPECT_EQ(0, failures.load());
+  std::string shown = cli("show " + path("f")).out;
+  for (int t = 0; t < 4; ++t) {
+    EXPECT_NE(std::string::npos, shown.find("attr T" + std::to_string(t) + " 31")) << shown;
+  }
+}
+
+}  // namespace
+}  // namespace kxsim_test
