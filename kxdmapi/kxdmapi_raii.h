@@ -1,0 +1,53 @@
+// Small owners used inside the library (C++ only, not installed).
+//
+// ScopedLock holds a pthread mutex for one scope; UniqueFd owns one
+// descriptor and closes it, keeping errno, unless released. Both are
+// move-free on purpose: an owner never changes hands inside the library.
+#pragma once
+
+#include <errno.h>
+#include <pthread.h>
+#include <unistd.h>
+
+namespace kxdmapi {
+
+class ScopedLock {
+ public:
+  explicit ScopedLock(pthread_mutex_t *mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
+  ~ScopedLock() { pthread_mutex_unlock(mutex_); }
+  ScopedLock(const ScopedLock &) = delete;
+  ScopedLock &operator=(const ScopedLock &) = delete;
+
+ private:
+  pthread_mutex_t *mutex_;
+};
+
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  ~UniqueFd() { reset(); }
+  UniqueFd(const UniqueFd &) = delete;
+  UniqueFd &operator=(const UniqueFd &) = delete;
+
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+  // Closing never changes the errno a caller is about to report.
+  void reset() {
+    if (fd_ >= 0) {
+      int saved = errno;
+      ::close(fd_);
+      errno = saved;
+    }
+    fd_ = -1;
+  }
+
+ private:
+  int fd_;
+};
+
+}  // namespace kxdmapi

@@ -1,0 +1,210 @@
+// Data-management attributes and dm_stat: refusals that happen before any
+// request, then the requests on files of a simulated mount, by descriptor and
+// by handle, including injected failures.
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "kxdmapi/kxdmapi.h"
+#include "support/sim_fs.h"
+
+namespace {
+
+dm_attrname_t AttrName(const char *name) {
+  dm_attrname_t an{};
+  memcpy(an.an_chars, name, strnlen(name, sizeof an.an_chars));
+  return an;
+}
+
+std::vector<unsigned char> Pattern(size_t n, unsigned char seed) {
+  std::vector<unsigned char> v(n);
+  for (size_t i = 0; i < n; ++i) v[i] = static_cast<unsigned char>(seed + i * 7);
+  return v;
+}
+
+size_t OpenDescriptorCount() {
+  size_t n = 0;
+  for (int fd = 0; fd < 1024; ++fd) n += fcntl(fd, F_GETFD) != -1;
+  return n;
+}
+
+const dm_attrname_t kBfst = AttrName("BFST");
+const dm_attrname_t kVdea = AttrName("VDEA");
+
+TEST(AttributesOutsideFsTest, FailuresKeepTheRequestErrnoAndRefuseOversizedValues) {
+  const int fd = open("/dev/null", O_RDONLY);
+  unsigned char buf[DM_ATTR_VALUE_MAX + 1] = {};
+  size_t rlen = 99;
+  errno = 0;
+  EXPECT_EQ(-1, dm_get_dmattr_fd(fd, 0, -1, &kBfst, 32, buf, &rlen));
+  EXPECT_EQ(ENOTTY, errno);  // no driver here: the request was made
+  EXPECT_EQ(0u, rlen);
+  errno = 0;
+  EXPECT_EQ(-1, dm_set_dmattr_fd(fd, 0, -1, &kBfst, 0, sizeof buf, buf));
+  EXPECT_EQ(E2BIG, errno);  // 129 bytes cannot be sent
+  errno = 0;
+  EXPECT_EQ(-1, dm_get_dmattr_fd(fd, 0, -1, &kBfst, 32, nullptr, &rlen));
+  EXPECT_EQ(EINVAL, errno);
+  close(fd);
+}
+
+TEST(AttributesOutsideFsTest, HandleFormsRefuseAllButFileHandles) {
+  std::array<unsigned char, 24> fsid0{};  // fsid 0 is never valid
+  fsid0[9] = 14;
+  uint64_t fshandle = 0x77;  // a file-system handle has no file to open
+  unsigned char buf[32];
+  size_t rlen = 0;
+  dm_stat_t st{};
+  for (auto [hanp, hlen] : {std::pair<const void *, size_t>{fsid0.data(), 24},
+                            {&fshandle, sizeof fshandle},
+                            {DM_GLOBAL_HANP, DM_GLOBAL_HLEN}}) {
+    errno = 0;
+    EXPECT_EQ(-1, dm_get_dmattr(0, hanp, hlen, -1, &kBfst, sizeof buf, buf, &rlen));
+    EXPECT_EQ(EBADF, errno);
+    errno = 0;
+    EXPECT_EQ(-1, dm_get_fileattr(0, hanp, hlen, -1, 0, &st));
+    // dm_get_fileattr leaves the judgement to the open: a file-system handle
+    // gets as far as the mount lookup (nothing is mounted here).
+    EXPECT_EQ(hanp == &fshandle ? ENOENT : EBADF, errno);
+  }
+}
+
+// ---- On a simulated mount -------------------------------------------------
+
+class AttributesSimTest : public vdtest::SimFsTest {
+ protected:
+  void SetUp() override {
+    SimFsTest::SetUp();
+    ASSERT_TRUE(fs.MakeFile("f", 4096));
+    path_ = fs.Path("f");
+    fd_ = open(path_.c_str(), O_RDONLY);
+    ASSERT_GE(fd_, 0);
+    void *hanp = nullptr;
+    ASSERT_EQ(0, dm_path_to_handle(path_.c_str(), &hanp, &hlen_)) << strerror(errno);
+    handle_.reset(hanp);
+  }
+  void TearDown() override { close(fd_); }
+  const void *h() const { return handle_.get(); }
+  void SetWithCli(const std::vector<unsigned char> &value) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char b : value) {
+      hex += kDigits[b >> 4];
+      hex += kDigits[b & 15];
+    }
+    ASSERT_EQ(0, fs.Kxsim({"attr", "set", path_, "BFST", hex}).exit_code);
+  }
+  int Get(const dm_attrname_t &name, std::vector<unsigned char> &out, size_t &rlen) {
+    return dm_get_dmattr(0, h(), hlen_, -1, &name, out.size(), out.data(), &rlen);
+  }
+
+  struct Free {
+    void operator()(void *p) const { dm_handle_free(p, 0); }
+  };
+  std::string path_;
+  int fd_ = -1;
+  std::unique_ptr<void, Free> handle_;
+  size_t hlen_ = 0;
+};
+
+TEST_F(AttributesSimTest, BfstSetGetRemoveByDescriptorAndByHandle) {
+  const auto value = Pattern(32, 1);
+  ASSERT_EQ(0, dm_set_dmattr_fd(fd_, 0, -1, &kBfst, 0, 32, value.data()));
+  std::vector<unsigned char> out(32);
+  size_t rlen = 0;
+  ASSERT_EQ(0, Get(kBfst, out, rlen));
+  EXPECT_EQ(32u, rlen);
+  EXPECT_EQ(value, out);
+  ASSERT_EQ(0, dm_remove_dmattr(0, h(), hlen_, -1, 0, &kBfst));
+  errno = 0;
+  EXPECT_EQ(-1, dm_get_dmattr_fd(fd_, 0, -1, &kBfst, 32, out.data(), &rlen));
+  EXPECT_EQ(ENODATA, errno);
+  errno = 0;
+  EXPECT_EQ(-1, dm_remove_dmattr_fd(fd_, 0, -1, 0, &kBfst));
+  EXPECT_EQ(ENODATA, errno);
+}
+
+TEST_F(AttributesSimTest, ShortBufferReportsTheNeededLengthAndCopiesNothing) {
+  SetWithCli(Pattern(40, 3));
+  std::vector<unsigned char> out(32, 0xEE);
+  size_t rlen = 0;
+  errno = 0;
+  EXPECT_EQ(-1, Get(kBfst, out, rlen));
+  EXPECT_EQ(E2BIG, errno);
+  EXPECT_EQ(40u, rlen);
+  EXPECT_EQ(std::vector<unsigned char>(32, 0xEE), out);
+}
+
+TEST_F(AttributesSimTest, ZeroLengthAndLargestValues) {
+  ASSERT_EQ(0, dm_set_dmattr_fd(fd_, 0, -1, &kVdea, 0, 0, nullptr));
+  size_t rlen = 99;
+  ASSERT_EQ(0, dm_get_dmattr_fd(fd_, 0, -1, &kVdea, 0, nullptr, &rlen));
+  EXPECT_EQ(0u, rlen);
+  const auto big = Pattern(DM_ATTR_VALUE_MAX, 77);
+  ASSERT_EQ(0, dm_set_dmattr(0, h(), hlen_, -1, &kVdea, 0, big.size(), big.data()));
+  std::vector<unsigned char> out(200, 0);
+  ASSERT_EQ(0, Get(kVdea, out, rlen));
+  ASSERT_EQ(big.size(), rlen);
+  EXPECT_TRUE(std::equal(big.begin(), big.end(), out.begin()));
+  EXPECT_EQ(0, out[DM_ATTR_VALUE_MAX]);
+}
+
+TEST_F(AttributesSimTest, FileAttributesMatchLstat) {
+  ASSERT_EQ(0, fs.Kxsim({"events", "set", path_, "0x70001120"}).exit_code);
+  dm_stat_t st{};
+  ASSERT_EQ(0, dm_get_fileattr(0, h(), hlen_, -1, 0, &st)) << strerror(errno);
+  struct stat ls {};
+  ASSERT_EQ(0, lstat(path_.c_str(), &ls));
+  EXPECT_EQ(0x70001120u, st.dt_emask);
+  EXPECT_EQ(static_cast<uint64_t>(ls.st_ino), st.dt_ino);
+  EXPECT_EQ(static_cast<int64_t>(ls.st_size), st.dt_size);
+  dm_stat_t by_fd{};
+  ASSERT_EQ(0, dm_get_fileattr_fd(fd_, 0, -1, 0, &by_fd));
+  EXPECT_EQ(0, memcmp(&st, &by_fd, sizeof st));
+}
+
+TEST_F(AttributesSimTest, InjectedIoctlFailureKeepsErrnoAcrossTheClose) {
+  SetWithCli(Pattern(32, 5));
+  fs.SetFaults("kind=ioctl,code=1038,name=BFST,errno=EIO");
+  std::vector<unsigned char> out(32);
+  size_t rlen = 7;
+  errno = 0;
+  EXPECT_EQ(-1, Get(kBfst, out, rlen));
+  EXPECT_EQ(EIO, errno);
+  EXPECT_EQ(0u, rlen);
+  errno = 0;  // the rule names BFST only
+  EXPECT_EQ(-1, Get(kVdea, out, rlen));
+  EXPECT_EQ(ENODATA, errno);
+  fs.SetFaults("kind=ioctl,code=1036,errno=EACCES");
+  dm_stat_t st{};
+  errno = 0;
+  EXPECT_EQ(-1, dm_get_fileattr(0, h(), hlen_, -1, 0, &st));
+  EXPECT_EQ(EACCES, errno);
+}
+
+TEST_F(AttributesSimTest, UnheldHandleOpensPerCallAndLeavesNothingOpen) {
+  SetWithCli(Pattern(32, 4));
+  std::vector<unsigned char> out(32);
+  size_t rlen = 0;
+  dm_stat_t st{};
+  ASSERT_EQ(0, dm_get_fileattr(0, h(), hlen_, -1, 0, &st));  // builds the mount cache
+  const size_t before = OpenDescriptorCount();
+  fs.StartLog();
+  ASSERT_EQ(0, Get(kBfst, out, rlen));
+  EXPECT_EQ(-1, Get(kVdea, out, rlen));
+  EXPECT_EQ(before, OpenDescriptorCount());
+  EXPECT_EQ(2u, fs.LogLinesWith({"open ", "handle="}).size());
+  EXPECT_EQ(1u, fs.LogLinesWith({"ioctl 0x40e ", "name=BFST", "result=0"}).size());
+}
+
+}  // namespace

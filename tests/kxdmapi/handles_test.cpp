@@ -1,0 +1,177 @@
+// Handles: the wire layout, classification, comparison, hashing, hex text.
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kxdmapi/kxdmapi.h"
+
+extern "C" int kxdmapi_c_header_check(void);
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+std::string Hex(const void *p, size_t n) {
+  std::string text(2 * n + 1, '\0');
+  dm_binary_to_hex(p, n, text.data());
+  text.resize(2 * n);
+  return text;
+}
+
+// A hand-built handle of any length: fsid, fid length, pad, generation, inode.
+Bytes FileHandle(uint64_t fsid, uint64_t ino, uint32_t gen, size_t len = 24) {
+  Bytes h(len < 24 ? 24 : len, 0);
+  std::memcpy(h.data(), &fsid, 8);
+  h[8] = static_cast<unsigned char>((len - 10) >> 8);
+  h[9] = static_cast<unsigned char>(len - 10);
+  for (int i = 0; i < 4; ++i) h[12 + i] = static_cast<unsigned char>(gen >> (24 - 8 * i));
+  for (int i = 0; i < 8; ++i) h[16 + i] = static_cast<unsigned char>(ino >> (56 - 8 * i));
+  h.resize(len);
+  return h;
+}
+
+int Crack(const Bytes &h, size_t len) {
+  return dm_crack_handle(h.data(), len, nullptr, nullptr, nullptr);
+}
+
+class HandlesTest : public ::testing::Test {
+ protected:
+  void SetUp() override { kxdmapi_debug_flags = 0; }  // results only here
+  const dm_fsid_t fsid_ = 0x1122334455667788ULL;
+};
+
+TEST_F(HandlesTest, PublicHeadersCompileAsC) {
+  EXPECT_EQ(0, kxdmapi_c_header_check());
+}
+
+TEST_F(HandlesTest, MadeHandlesFollowTheWireFormatAndMaskTheInode) {
+  dm_ino_t ino = 0x0100030405060708ULL;  // no masked bits set
+  dm_igen_t gen = 0xA1B2C3D4u;
+  void *hanp = nullptr;
+  size_t hlen = 0;
+  ASSERT_EQ(0, dm_make_handle(&fsid_, &ino, &gen, &hanp, &hlen));
+  ASSERT_EQ(24u, hlen);
+  EXPECT_EQ(
+      "8877665544332211"
+      "000E"
+      "0000"
+      "A1B2C3D4"
+      "0100030405060708",
+      Hex(hanp, hlen));
+  dm_handle_free(hanp, hlen);
+
+  ino = ~dm_ino_t{0};
+  dm_handle_t rec;
+  std::memset(&rec, 0xEE, sizeof rec);
+  ASSERT_EQ(24u, dm_make_handle_nocopy(&fsid_, &ino, &gen, &rec));
+  EXPECT_EQ("7F807FFFFFFFFFFF", Hex(reinterpret_cast<unsigned char *>(&rec) + 16, 8));
+  EXPECT_EQ("000000000000", Hex(rec.dm_handle_pad2, sizeof rec.dm_handle_pad2));
+  dm_fsid_t fsid = 0;
+  dm_ino_t got_ino = 0;
+  dm_igen_t got_gen = 0;
+  EXPECT_EQ(DM_HANDLE_FILE, dm_crack_handle(&rec, 24, &fsid, &got_ino, &got_gen));
+  EXPECT_EQ(fsid_, fsid);
+  EXPECT_EQ(0x7F807FFFFFFFFFFFULL, got_ino);
+  EXPECT_EQ(gen, got_gen);
+}
+
+TEST_F(HandlesTest, CrackClassifiesAndRejectsWithoutTouchingErrno) {
+  Bytes good = FileHandle(fsid_, 42, 3);
+  Bytes swapped_len = good;
+  std::swap(swapped_len[8], swapped_len[9]);
+  Bytes pad1 = good;
+  pad1[11] = 1;
+  errno = 1234;
+  EXPECT_EQ(DM_HANDLE_GLOBAL,
+            dm_crack_handle(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, nullptr, nullptr, nullptr));
+  EXPECT_EQ(DM_HANDLE_FILESYSTEM, Crack(good, 8));
+  EXPECT_EQ(DM_HANDLE_FILE, Crack(good, 24));
+  EXPECT_EQ(DM_HANDLE_FILE, Crack(FileHandle(fsid_, 42, 3, 30), 30))
+      << "any length with a matching field";
+  EXPECT_EQ(DM_HANDLE_FILE, Crack(FileHandle(fsid_, 0, 0, 10), 10));
+  EXPECT_EQ(0, dm_crack_handle(nullptr, 24, nullptr, nullptr, nullptr));
+  EXPECT_EQ(0, Crack(good, 7));
+  EXPECT_EQ(0, Crack(good, 23));
+  EXPECT_EQ(0, Crack(FileHandle(0, 42, 3), 24));
+  EXPECT_EQ(0, Crack(FileHandle(0, 42, 3), 8));
+  EXPECT_EQ(0, Crack(swapped_len, 24));
+  EXPECT_EQ(0, Crack(pad1, 24));
+  EXPECT_EQ(0, Crack(FileHandle(fsid_, 42, 3, 65), 65)) << "65 bytes even with field 55";
+  EXPECT_EQ(1, dm_handle_is_valid(DM_GLOBAL_HANP, DM_GLOBAL_HLEN));
+  EXPECT_EQ(0, dm_handle_is_global(DM_GLOBAL_HANP, 8));
+  EXPECT_EQ(1234, errno);
+}
+
+TEST_F(HandlesTest, ConversionsRefuseHandlesWithoutTheFieldAsEBADF) {
+  Bytes file = FileHandle(fsid_, 42, 3);
+  dm_fsid_t fsid = 0;
+  dm_ino_t ino = 0;
+  dm_igen_t gen = 0;
+  void *fsh = nullptr;
+  size_t fshlen = 0;
+  EXPECT_EQ(0, dm_handle_to_fsid(file.data(), 8, &fsid));
+  EXPECT_EQ(fsid_, fsid);
+  EXPECT_EQ(0, dm_handle_to_igen(file.data(), 24, &gen));
+  EXPECT_EQ(3u, gen);
+  ASSERT_EQ(0, dm_handle_to_fshandle(file.data(), 24, &fsh, &fshlen));
+  EXPECT_EQ(Hex(file.data(), 8), Hex(fsh, fshlen));
+  dm_handle_free(fsh, fshlen);
+  auto fails_ebadf = [](auto call) {
+    errno = 0;
+    return call() == -1 && errno == EBADF;
+  };
+  EXPECT_TRUE(fails_ebadf([&] { return dm_handle_to_ino(file.data(), 8, &ino); }));
+  EXPECT_TRUE(fails_ebadf([&] { return dm_handle_to_igen(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, &gen); }));
+  EXPECT_TRUE(
+      fails_ebadf([&] { return dm_handle_to_fsid(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, &fsid); }));
+  EXPECT_TRUE(fails_ebadf(
+      [&] { return dm_handle_to_fshandle(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, &fsh, &fshlen); }));
+}
+
+TEST_F(HandlesTest, CompareOrdersByLengthThenUnsignedBytes) {
+  Bytes a = FileHandle(fsid_, 0x7F, 0);
+  Bytes b = FileHandle(fsid_, 0x80, 0);
+  Bytes a_copy = a;
+  Bytes one{0x01};
+  EXPECT_EQ(16, dm_handle_cmp(a.data(), 24, a.data(), 8));
+  EXPECT_EQ(-16, dm_handle_cmp(a.data(), 8, a.data(), 24));
+  EXPECT_EQ(0, dm_handle_cmp(a.data(), 24, a_copy.data(), 24));
+  EXPECT_EQ(-1, dm_handle_cmp(a.data(), 24, b.data(), 24));
+  EXPECT_EQ(1, dm_handle_cmp(b.data(), 24, a.data(), 24));
+  // The global marker has no bytes to read; comparing it must not crash.
+  EXPECT_EQ(-1, dm_handle_cmp(DM_GLOBAL_HANP, 1, one.data(), 1));
+}
+
+TEST_F(HandlesTest, HashStrnlenAndLowerCaseHex) {
+  Bytes ff(24, 0xFF);
+  EXPECT_EQ(6120u, dm_handle_hash(ff.data(), ff.size()));
+  EXPECT_EQ(0u, dm_handle_hash(DM_GLOBAL_HANP, DM_GLOBAL_HLEN));
+  EXPECT_EQ(0u, dm_handle_hash(ff.data(), 0));
+  EXPECT_EQ(2u, dm_strnlen("abc", 2));
+  EXPECT_EQ(0u, dm_strnlen("abc", 0));
+  const unsigned char bytes[] = {0x00, 0x9F, 0xA0, 0xFF};
+  char lower[9];
+  dm_binary_to_hex_lc(bytes, sizeof bytes, lower);
+  EXPECT_STREQ("009fa0ff", lower);  // upper case: the wire-format case above
+}
+
+// Outside a kxfs mount there is no driver: the ioctl's errno is kept.
+TEST_F(HandlesTest, FdToHandleOutsideKxfsKeepsTheIoctlErrno) {
+  int fd = open("/", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  void *hanp = reinterpret_cast<void *>(0x10);
+  size_t hlen = 0;
+  errno = 0;
+  EXPECT_EQ(-1, dm_fd_to_handle(fd, &hanp, &hlen));
+  EXPECT_EQ(ENOTTY, errno);
+  EXPECT_EQ(nullptr, hanp);
+  close(fd);
+}
+
+}  // namespace

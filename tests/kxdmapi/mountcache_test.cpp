@@ -1,0 +1,152 @@
+// Mount cache: bucket sizing and hashing, builds across mount-table changes,
+// lookups of mounted and unmounted file systems, and the report.
+#include <errno.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "kxdmapi/kxdmapi.h"
+#include "kxdmapi/kxdmapi_private.h"
+#include "support/sim_fs.h"
+
+namespace {
+
+TEST(MountCacheTableTest, BucketArrayIsFourTimesTheFloorPowerOfTwoAtLeast32) {
+  for (size_t n = 0; n <= 15; ++n) EXPECT_EQ(32u, dm_mnt_cache_tab_size_for(n)) << n;
+  for (size_t n = 16; n <= 31; ++n) EXPECT_EQ(64u, dm_mnt_cache_tab_size_for(n)) << n;
+  EXPECT_EQ(128u, dm_mnt_cache_tab_size_for(32));
+  EXPECT_EQ(2048u, dm_mnt_cache_tab_size_for(1000));
+}
+
+TEST(MountCacheTableTest, BucketFoldsAllFsidBitsDown) {
+  EXPECT_EQ(1u, dm_mnt_cache_bucket(1, 32));
+  EXPECT_EQ(17u, dm_mnt_cache_bucket(0x10, 32));
+  EXPECT_EQ(17u, dm_mnt_cache_bucket(uint64_t{1} << 32, 32));
+  EXPECT_EQ(16u, dm_mnt_cache_bucket(~uint64_t{0}, 32));
+  EXPECT_EQ(112u, dm_mnt_cache_bucket(~uint64_t{0}, 128));
+}
+
+// Without the driver nothing can be built, and nothing is reported.
+TEST(MountCacheNoDriverTest, EverythingFailsCleanly) {
+  unsetenv("KXSIM_CONFIG");
+  dm_mnt_change_time_t t{};
+  int count = 7;
+  dm_fsid_t fsid = 0x0807060504030201ULL;
+  char mnt[DM_PATH_MAX];
+  EXPECT_EQ(-1, get_last_mount_change_time(&t));
+  EXPECT_EQ(-1, dm_check_mnt_cache_stale());
+  EXPECT_EQ(nullptr, dm_report_mnt_cache(&count));
+  EXPECT_EQ(0, count);
+  EXPECT_EQ(-1, dm_fshandle_to_mountpoint(&fsid, sizeof fsid, mnt));
+  EXPECT_EQ(-1, dm_fs_rename_tracking_enabled(&fsid, sizeof fsid));
+}
+
+class MountCacheTest : public vdtest::SimFsTest {
+ protected:
+  static int Build() {
+    pthread_mutex_lock(&dm_mount_cache_lock);
+    int result = dm_build_mnt_cache();
+    pthread_mutex_unlock(&dm_mount_cache_lock);
+    return result;
+  }
+  static std::vector<std::string> CachedMounts() {
+    std::vector<std::string> mounts;
+    pthread_mutex_lock(&dm_mount_cache_lock);
+    for (const mnt_cache_t *rec = mount_cache; rec != nullptr; rec = rec->mnt_next)
+      mounts.push_back(rec->mnt_dir);
+    pthread_mutex_unlock(&dm_mount_cache_lock);
+    return mounts;
+  }
+  static dm_fsid_t FsidOf(const std::string &path) {
+    void *hanp = nullptr;
+    size_t hlen = 0;
+    dm_fsid_t fsid = 0;
+    if (dm_path_to_fshandle(path.c_str(), &hanp, &hlen) != 0) return 0;
+    dm_handle_to_fsid(hanp, hlen, &fsid);
+    dm_handle_free(hanp, hlen);
+    return fsid;
+  }
+  static std::string MountOf(dm_fsid_t fsid) {
+    char mnt[DM_PATH_MAX];
+    return dm_fshandle_to_mountpoint(&fsid, sizeof fsid, mnt) == 0 ? mnt : "<none>";
+  }
+};
+
+TEST_F(MountCacheTest, ReportListsTheMountWithItsFsid) {
+  int count = 0;
+  dm_mnt_cache_t *report = dm_report_mnt_cache(&count);
+  ASSERT_NE(nullptr, report);
+  ASSERT_EQ(1, count);
+  EXPECT_EQ(fs.mnt(), report[0].cached_mnt);
+  EXPECT_EQ(FsidOf(fs.mnt()), report[0].cached_fsid);
+  free(report[0].cached_mnt);
+  free(report);
+  EXPECT_EQ(32u, mount_cache_tab_size);
+}
+
+TEST_F(MountCacheTest, RebuildsOnlyWhenTheMountTableChanged) {
+  EXPECT_EQ(1, Build());
+  EXPECT_EQ(0, Build()) << "an unchanged table keeps the cache hot";
+  ASSERT_TRUE(fs.TouchConfig());
+  EXPECT_EQ(1, dm_check_mnt_cache_stale());
+  EXPECT_EQ(1, dm_check_mnt_cache_stale()) << "the check rebuilds nothing";
+  EXPECT_EQ(1, Build());
+  EXPECT_EQ(0, dm_check_mnt_cache_stale());
+  EXPECT_EQ(std::vector<std::string>{fs.mnt()}, CachedMounts());
+}
+
+TEST_F(MountCacheTest, LookupFindsNewMountsAndEndsForUnmountedOnes) {
+  dm_fsid_t first = FsidOf(fs.mnt());
+  EXPECT_EQ(fs.mnt(), MountOf(first));
+  std::string second = fs.Mkfs("second");
+  ASSERT_FALSE(second.empty());
+  ASSERT_TRUE(fs.TouchConfig(5));  // distinct even within one second
+  EXPECT_EQ(second, MountOf(FsidOf(second))) << "a miss rebuilds the cache";
+  EXPECT_EQ(2u, CachedMounts().size());
+  EXPECT_EQ("<none>", MountOf(first ^ 0x5A5A));
+  char fsname[DM_PATH_MAX];
+  char mnt[DM_PATH_MAX];
+  EXPECT_EQ(0, dm_fshandle_to_filesystem(&first, sizeof first, fsname, mnt));
+  EXPECT_EQ(fs.mnt(), mnt);
+  EXPECT_EQ(-1, dm_fshandle_to_mountpoint(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, mnt));
+}
+
+TEST_F(MountCacheTest, LastUnresolvableMountFailsTheBuildButKeepsTheOthers) {
+  std::string alpha = fs.Mkfs("alpha");
+  ASSERT_FALSE(fs.Mkfs("beta").empty());
+  fs.SetFaults("kind=dmig,code=7,path=/beta,errno=EIO");
+  EXPECT_EQ(-1, Build()) << "beta is listed last";
+  auto mounts = CachedMounts();
+  EXPECT_EQ(2u, mounts.size());
+  EXPECT_NE(mounts.end(), std::find(mounts.begin(), mounts.end(), alpha));
+  fs.SetFaults("kind=dmig,code=7,path=/alpha,errno=EIO");
+  ASSERT_TRUE(fs.TouchConfig());
+  EXPECT_EQ(1, Build()) << "a failure before the last entry does not fail the build";
+}
+
+TEST_F(MountCacheTest, RenameTrackingComesFromTheFileSystemData) {
+  dm_fsid_t fsid = FsidOf(fs.mnt());
+  EXPECT_EQ(1, dm_fs_rename_tracking_enabled(&fsid, sizeof fsid));
+  std::string plain = fs.root() + "/plain";
+  ASSERT_EQ(0, fs.Kxsim({"mkfs", plain, "--rename-tracking", "off"}).exit_code);
+  dm_fsid_t plain_fsid = FsidOf(plain);
+  EXPECT_EQ(0, dm_fs_rename_tracking_enabled(&plain_fsid, sizeof plain_fsid));
+  fs.SetFaults("kind=ioctl,code=0xa1e,errno=EIO");
+  ASSERT_TRUE(fs.TouchConfig());
+  EXPECT_EQ(1, Build());
+  EXPECT_EQ(-1, dm_fs_rename_tracking_enabled(&fsid, sizeof fsid)) << "kept, but unset";
+  EXPECT_EQ(fs.mnt(), MountOf(fsid));
+}
+
+TEST_F(MountCacheTest, ChangeTimeWithoutAChannelUsesTheMountChangeNode) {
+  ASSERT_EQ(-1, kxdmapi_dmfd);
+  dm_mnt_change_time_t t{};
+  EXPECT_EQ(0, get_last_mount_change_time(&t));
+  EXPECT_EQ(-1, kxdmapi_dmfd) << "no channel was opened for it";
+}
+
+}  // namespace

@@ -1,0 +1,178 @@
+// Path resolution: path to handle (four forms) and back, special paths.
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "kxdmapi/kxdmapi.h"
+#include "support/owned_handle.h"
+#include "support/sim_fs.h"
+
+namespace {
+
+using vdtest::OwnedHandle;
+
+// Argument checks come before any request: they hold without a driver.
+class PathArgumentsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { unsetenv("KXSIM_CONFIG"); }
+  // errno of a failed call, 0 when it succeeded.
+  template <typename F>
+  static int Errno(F call) {
+    errno = 0;
+    return call() == 0 ? 0 : errno;
+  }
+  void *hanp_ = nullptr;
+  size_t hlen_ = 0;
+};
+
+TEST_F(PathArgumentsTest, PathToHandleChecksItsPath) {
+  std::string longest(DM_PATH_MAX, 'p');
+  std::string too_long = longest + "p";
+  EXPECT_EQ(EINVAL, Errno([&] { return dm_path_to_handle(nullptr, &hanp_, &hlen_); }));
+  EXPECT_EQ(ENOENT, Errno([&] { return dm_path_to_handle("", &hanp_, &hlen_); }));
+  EXPECT_EQ(ENAMETOOLONG,
+            Errno([&] { return dm_path_to_handle(too_long.c_str(), &hanp_, &hlen_); }));
+  EXPECT_EQ(ENAMETOOLONG,
+            Errno([&] { return dm_path_to_fshandle(too_long.c_str(), &hanp_, &hlen_); }));
+  // Accepted paths reach the driver, which is absent here.
+  EXPECT_EQ(ENOSYS, Errno([&] { return dm_path_to_handle(longest.c_str(), &hanp_, &hlen_); }));
+  EXPECT_EQ(ENOSYS, Errno([&] { return dm_path_to_fshandle("", &hanp_, &hlen_); }));
+}
+
+TEST_F(PathArgumentsTest, HandleToPathChecksInOrder) {
+  unsigned char bad[24] = {};
+  unsigned char good[24] = {1, 0, 0, 0, 0, 0, 0, 0, 0x00, 0x0E};
+  char buf[64];
+  size_t needed = 0;
+  auto h2p = [&](const void *dir, size_t dirlen, const void *targ, size_t buflen, char *out) {
+    return Errno([&] { return dm_handle_to_path(dir, dirlen, targ, 24, buflen, out, &needed); });
+  };
+  EXPECT_EQ(EINVAL, h2p(bad, 24, bad, 0, buf));
+  EXPECT_EQ(EINVAL, h2p(nullptr, 0, good, sizeof buf, nullptr));
+  EXPECT_EQ(EBADF, h2p(bad, 24, good, sizeof buf, buf));
+  EXPECT_EQ(EBADF, h2p(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, good, sizeof buf, buf))
+      << "names no directory";
+  EXPECT_EQ(EBADF, h2p(nullptr, 0, bad, sizeof buf, buf));
+  EXPECT_EQ(ENOENT, h2p(nullptr, 0, good, sizeof buf, buf)) << "nothing is mounted";
+}
+
+TEST_F(PathArgumentsTest, SpecialPathWithoutMountPointIsPrefixAndHex) {
+  unsigned char h[24] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x00, 0x0E, 0,    0,
+                         0,    0,    0,    1,    0,    0,    0,    0,    0,    0,    0x12, 0x34};
+  uint64_t key = 0;
+  char path[DM_PATH_MAX];
+  char mnt[DM_PATH_MAX];
+  ASSERT_EQ(0, dm_format_special_path(h, sizeof h, &key, nullptr, path));
+  EXPECT_STREQ("__KXFS_Handle.1122334455667788000E0000000000010000000000001234", path);
+  EXPECT_EQ(0x3412000000000000ULL, key) << "the inode field's bytes read in host order";
+  EXPECT_EQ(EBADF, Errno([&] { return dm_format_special_path(h, 7, &key, nullptr, path); }));
+  EXPECT_EQ(ENOENT, Errno([&] { return dm_format_special_path(h, sizeof h, &key, mnt, path); }));
+}
+
+class PathsTest : public vdtest::SimFsTest {
+ protected:
+  void SetUp() override {
+    vdtest::SimFsTest::SetUp();
+    ASSERT_TRUE(fs.MakeDir("dir"));
+    ASSERT_TRUE(fs.MakeFile("dir/file", 100));
+    ASSERT_EQ("", file_.Resolve(fs.Path("dir/file")));
+  }
+  OwnedHandle file_;
+};
+
+TEST_F(PathsTest, AllFourFormsAgreeAndSendTheirFlags) {
+  fs.StartLog();
+  std::string path = fs.Path("dir/file");
+  OwnedHandle plain, client, client_nf, fsh, by_fd;
+  ASSERT_EQ(0, dm_path_to_handle(path.c_str(), &plain.hanp, &plain.hlen));
+  ASSERT_EQ(0, dm_path_to_handle_client(path.c_str(), &client.hanp, &client.hlen));
+  ASSERT_EQ(0, dm_path_to_handle_client_nf(path.c_str(), &client_nf.hanp, &client_nf.hlen));
+  ASSERT_EQ(0, dm_path_to_fshandle(path.c_str(), &fsh.hanp, &fsh.hlen));
+  EXPECT_EQ(DM_HANDLE_FILE, dm_crack_handle(plain.hanp, plain.hlen, nullptr, nullptr, nullptr));
+  EXPECT_EQ(plain.Hex(), client.Hex());
+  EXPECT_EQ(plain.Hex(), client_nf.Hex());
+  EXPECT_EQ(plain.Hex().substr(0, 16), fsh.Hex());
+  EXPECT_EQ(2u, fs.LogLinesWith({"dmig 0x7 ", "flags=0"}).size());
+  EXPECT_EQ(1u, fs.LogLinesWith({"dmig 0x7 ", "flags=1"}).size());
+  EXPECT_EQ(1u, fs.LogLinesWith({"dmig 0x7 ", "flags=2"}).size());
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(0, dm_fd_to_handle(fd, &by_fd.hanp, &by_fd.hlen));
+  close(fd);
+  EXPECT_EQ(plain.Hex(), by_fd.Hex());
+}
+
+TEST_F(PathsTest, HandleToPathRoundTripsIncludingTheMountPoint) {
+  OwnedHandle dir, root;
+  ASSERT_EQ("", dir.Resolve(fs.Path("dir")));
+  ASSERT_EQ("", root.Resolve(fs.mnt()));
+  EXPECT_EQ(fs.Path("dir/file"), file_.Path());
+  EXPECT_EQ(fs.Path("dir"), dir.Path());
+  EXPECT_EQ(fs.mnt(), root.Path()) << "the mount point's relative path is empty";
+  char path[DM_PATH_MAX];
+  size_t needed = 0;
+  ASSERT_EQ(0, dm_handle_to_path(root.hanp, root.hlen, file_.hanp, file_.hlen, sizeof path, path,
+                                 &needed));
+  EXPECT_EQ(fs.Path("dir/file"), path);
+}
+
+TEST_F(PathsTest, HandleToPathReportsTheRequiredLength) {
+  size_t required = fs.Path("dir/file").size() + 1;
+  std::string buf(required, '#');
+  size_t needed = 0;
+  errno = 0;
+  EXPECT_EQ(
+      -1, dm_handle_to_path(nullptr, 0, file_.hanp, file_.hlen, required - 1, buf.data(), &needed));
+  EXPECT_EQ(ERANGE, errno);
+  EXPECT_EQ(required, needed);
+  EXPECT_EQ('#', buf[0]) << "nothing is written on ERANGE";
+  EXPECT_EQ(0,
+            dm_handle_to_path(nullptr, 0, file_.hanp, file_.hlen, required, buf.data(), &needed));
+  EXPECT_EQ(fs.Path("dir/file"), buf.c_str());
+}
+
+TEST_F(PathsTest, SpecialPathOpensTheSameFile) {
+  char mnt[DM_PATH_MAX];
+  char path[DM_PATH_MAX];
+  uint64_t key = 0;
+  ASSERT_EQ(0, dm_format_special_path(file_.hanp, file_.hlen, &key, mnt, path));
+  EXPECT_EQ(fs.mnt(), mnt);
+  EXPECT_EQ(fs.mnt() + "/__KXFS_Handle." + file_.Hex(), path);
+  struct stat by_special {
+  }, by_name{};
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0) << strerror(errno);
+  ASSERT_EQ(0, fstat(fd, &by_special));
+  close(fd);
+  ASSERT_EQ(0, stat(fs.Path("dir/file").c_str(), &by_name));
+  EXPECT_EQ(by_name.st_ino, by_special.st_ino);
+  // A raw host-order 2 in the inode field names the mount point itself.
+  unsigned char h[24];
+  std::memcpy(h, file_.hanp, sizeof h);
+  std::memset(h + 16, 0, 8);
+  h[16] = 2;
+  ASSERT_EQ(0, dm_format_special_path(h, sizeof h, &key, mnt, path));
+  EXPECT_EQ(2u, key);
+  EXPECT_EQ(fs.mnt(), path);
+}
+
+TEST_F(PathsTest, DriverFailuresKeepTheirErrno) {
+  OwnedHandle other;
+  fs.SetFaults("kind=dmig,code=7,errno=EIO");
+  EXPECT_EQ(strerror(EIO), other.Resolve(fs.Path("dir")));
+  EXPECT_EQ(-1, dm_path_to_fshandle(fs.mnt().c_str(), &other.hanp, &other.hlen));
+  EXPECT_EQ(EIO, errno);
+  EXPECT_EQ(nullptr, other.hanp);
+  fs.SetFaults("kind=ioctl,code=0x419,errno=ESTALE");
+  EXPECT_EQ("ERROR " + std::string(strerror(ESTALE)), file_.Path());
+  fs.ClearFaults();
+  EXPECT_EQ(strerror(ENOENT), other.Resolve(fs.Path("missing")));
+}
+
+}  // namespace
