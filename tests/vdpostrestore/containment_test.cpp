@@ -1,0 +1,58 @@
+// The walk stays inside the tree even when the tree changes under it:
+// races are made deterministic with the simulator's run= rules, which run a
+// command just before the tool's request is answered.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tool_harness.h"
+
+namespace {
+
+using toolrun::RunResult;
+using toolrun::SimFs;
+
+class PostRestoreContainmentTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    outside = (fs.root() / "outside").string();
+    toolrun::make_blockless(outside + "/victim", 100);
+    fs.blockless("a/sub/inner", 100);
+  }
+  // A shell command that swaps a/sub for a symbolic link to `target`,
+  // parking the real directory outside the mount.
+  std::string swap_to(const std::string &target) const {
+    return "mv " + fs.path("a/sub") + " " + (fs.root() / "parked").string() + " && ln -s " +
+           target + " " + fs.path("a/sub");
+  }
+  SimFs fs;
+  std::string outside;
+};
+
+// The directory is swapped after it was examined and just before its
+// entries are read: the walk goes on in the directory it examined.
+TEST_F(PostRestoreContainmentTest, DirectorySwappedForSymlinkIsNotFollowed) {
+  RunResult r =
+      fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
+              "kind=ioctl,code=1038,name=VDEA,path=/a/sub,count=1,run=" + swap_to(outside));
+  ASSERT_TRUE(std::filesystem::is_symlink(fs.path("a/sub"))) << "the race did not happen";
+  EXPECT_TRUE(std::filesystem::exists(outside + "/victim")) << r.out << r.err;
+  EXPECT_EQ(std::string::npos, fs.log().find("victim")) << fs.log();
+}
+
+// Swapped while its handle is resolved: the relation-point answer would
+// belong to another directory, so the run stops instead of using it.
+TEST_F(PostRestoreContainmentTest, DirectorySwappedWhileResolvedEndsTheRun) {
+  fs.relation_point("a/sub");
+  fs.blockless("plain/x", 100);
+  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
+                        "kind=dmig,code=7,path=/a/sub,count=1,run=" + swap_to(fs.path("plain")));
+  ASSERT_TRUE(std::filesystem::is_symlink(fs.path("a/sub"))) << "the race did not happen";
+  EXPECT_EQ(1, r.status) << r.out;
+  EXPECT_TRUE(std::filesystem::exists(fs.root() / "parked/inner"))
+      << "a file under a relation point was removed";
+  EXPECT_TRUE(std::filesystem::exists(outside + "/victim"));
+}
+
+}  // namespace

@@ -1,0 +1,89 @@
+// Failures of the driver, the file system and the log, and which of them
+// end the run.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tool_harness.h"
+
+namespace {
+
+using toolrun::RunResult;
+using toolrun::SimFs;
+
+class PostRestoreFaultTest : public ::testing::Test {
+ protected:
+  void SetUp() override { fs.blockless("d1/f", 100); }
+  std::string header() const { return toolrun::log_header(fs.mnt(), false); }
+  SimFs fs;
+};
+
+TEST_F(PostRestoreFaultTest, VdeaReadErrorIsFatal) {
+  RunResult r =
+      fs.tool({"-f", fs.log_path(), fs.mnt()}, "kind=ioctl,code=1038,name=VDEA,path=/d1,errno=EIO");
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("Failed to get xattr for directory " + fs.path("d1") + ": Input/output error.\n",
+            r.err);
+  EXPECT_EQ(header(), fs.log()) << "no file of d1 may be reported";
+}
+
+TEST_F(PostRestoreFaultTest, VdeaMissingIsNotARelationPoint) {
+  fs.relation_point("d1");
+  for (const char *err : {"ENODATA", "ENOENT"}) {
+    RunResult r = fs.tool({"-vv", "-f", fs.log_path(), fs.mnt()},
+                          std::string("kind=ioctl,code=1038,name=VDEA,path=/d1,errno=") + err);
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("", r.err);
+    EXPECT_EQ(header() + fs.path("d1/f") + "\n", fs.log()) << err;
+  }
+}
+
+TEST_F(PostRestoreFaultTest, UnreadableDirectoryAttributesAreNotFatal) {
+  fs.relation_point("d1");
+  RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt()}, "kind=ioctl,code=1036,path=/d1,errno=EIO");
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("Failed to get attributes for directory " + fs.path("d1") + ": Input/output error.\n",
+            r.err);
+  EXPECT_EQ(header() + fs.path("d1/f") + "\n", fs.log()) << "treated as no relation point";
+}
+
+TEST_F(PostRestoreFaultTest, UnreadableDirectoryPolicyAttributeIsNotFatal) {
+  RunResult r =
+      fs.tool({"-f", fs.log_path(), fs.mnt()}, "kind=ioctl,code=1038,name=BFST,path=/d1,errno=EIO");
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("Failed to get xattr for directory " + fs.path("d1") + ": Input/output error.\n",
+            r.err);
+  EXPECT_EQ(header() + fs.path("d1/f") + "\n", fs.log());
+}
+
+TEST_F(PostRestoreFaultTest, PathToHandleFailureIsFatal) {
+  RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt()}, "kind=dmig,code=7,path=/d1,errno=EIO");
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ(
+      "Failed to get path-to-handle for directory " + fs.path("d1") + ": Input/output error.\n",
+      r.err);
+}
+
+TEST_F(PostRestoreFaultTest, FailedRemovalIsFatalAndNotLogged) {
+  RunResult r =
+      fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "kind=unlink,path=/d1/f,errno=EACCES");
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("Failed to remove file " + fs.path("d1/f") + ": Permission denied.\n", r.err);
+  EXPECT_EQ(toolrun::log_header(fs.mnt(), true), fs.log());
+  EXPECT_TRUE(fs.exists("d1/f"));
+}
+
+// The log is the only record of what was reported; losing it must not pass
+// for a complete run, and with -r nothing may go unrecorded.
+TEST_F(PostRestoreFaultTest, UnwritableLogFailsTheRun) {
+  RunResult r = fs.tool({"-f", "/dev/full", fs.mnt()});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("Failed to write logfile /dev/full: No space left on device.\n", r.err);
+
+  r = fs.tool({"-r", "-f", "/dev/full", fs.mnt()});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("Failed to write logfile /dev/full: No space left on device.\n", r.err);
+  EXPECT_TRUE(fs.exists("d1/f")) << "nothing may be removed without a log";
+}
+
+}  // namespace

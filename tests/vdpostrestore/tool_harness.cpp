@@ -1,0 +1,191 @@
+// Runs the real vdpostrestore on a private simulated file system.
+#include "tool_harness.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace toolrun {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+[[noreturn]] void child_exec(const std::vector<std::string> &argv, const RunOptions &opts,
+                             int in_fd, int out_fd, int err_fd) {
+  dup2(in_fd, 0);
+  dup2(out_fd, 1);
+  dup2(err_fd, 2);
+  for (const auto &name : opts.unset_env) unsetenv(name.c_str());
+  for (const auto &[name, value] : opts.env) setenv(name.c_str(), value.c_str(), 1);
+  if (opts.as_nobody && (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
+                         setresuid(65534, 65534, 65534) != 0)) {
+    _exit(126);
+  }
+  if (opts.max_open_files > 0) {
+    rlimit limit{static_cast<rlim_t>(opts.max_open_files),
+                 static_cast<rlim_t>(opts.max_open_files)};
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(125);
+  }
+  std::vector<char *> args;
+  for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+  args.push_back(nullptr);
+  execv(args[0], args.data());
+  _exit(127);
+}
+
+std::string temp_file_with(const fs::path &dir, const std::string &name, const std::string &text) {
+  std::string path = (dir / name).string();
+  std::ofstream(path) << text;
+  return path;
+}
+
+}  // namespace
+
+std::string read_file(const std::string &path) {
+  std::ifstream in(path);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+RunResult run_program(const std::vector<std::string> &argv, const RunOptions &opts) {
+  char dir_template[] = "/tmp/vdrun.XXXXXX";
+  const char *dir = mkdtemp(dir_template);
+  if (dir == nullptr) return {};
+  fs::path tmp(dir);
+  std::string in_path = temp_file_with(tmp, "in", opts.stdin_text);
+  std::string out_path = (tmp / "out").string(), err_path = (tmp / "err").string();
+  int in_fd = open(in_path.c_str(), O_RDONLY | O_CLOEXEC);
+  int out_fd = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int err_fd = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  RunResult result;
+  pid_t pid = fork();
+  if (pid == 0) child_exec(argv, opts, in_fd, out_fd, err_fd);
+  close(in_fd);
+  close(out_fd);
+  close(err_fd);
+  int wstatus = 0;
+  if (pid > 0 && waitpid(pid, &wstatus, 0) == pid) {
+    result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
+  }
+  result.out = read_file(out_path);
+  result.err = read_file(err_path);
+  fs::remove_all(tmp);
+  return result;
+}
+
+SimFs::SimFs() {
+  char dir_template[] = "/tmp/vdsim.XXXXXX";
+  const char *dir = mkdtemp(dir_template);
+  if (dir == nullptr) throw std::runtime_error("mkdtemp failed");
+  root_ = fs::canonical(dir);
+  // Let an unprivileged run reach the mount point.
+  fs::permissions(root_, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+  config_ = (root_ / "kxsim.conf").string();
+  mnt_ = (root_ / "mnt").string();
+  kxsim({"mkfs", mnt_});
+}
+
+SimFs::~SimFs() {
+  std::error_code ec;
+  fs::remove_all(root_, ec);
+}
+
+void SimFs::mkdir(const std::string &rel) const {
+  fs::create_directories(path(rel));
+}
+
+void make_blockless(const std::string &path, off_t size) {
+  fs::create_directories(fs::path(path).parent_path());
+  std::ofstream(path).close();
+  fs::resize_file(path, static_cast<std::uintmax_t>(size));
+}
+
+void SimFs::blockless(const std::string &rel, off_t size) const {
+  make_blockless(path(rel), size);
+}
+
+void SimFs::allocated(const std::string &rel, const std::string &data) const {
+  fs::create_directories(fs::path(path(rel)).parent_path());
+  std::ofstream(path(rel)) << data;
+}
+
+void SimFs::symlink(const std::string &target, const std::string &rel) const {
+  fs::create_symlink(target, path(rel));
+}
+
+void SimFs::relation_point(const std::string &rel, bool with_events) const {
+  mkdir(rel);
+  kxsim({"attr", "set", path(rel), "VDEA", "0102030405060708"});
+  if (with_events) kxsim({"events", "set", path(rel), "0x1120"});
+}
+
+std::string SimFs::kxsim(const std::vector<std::string> &args) const {
+  std::vector<std::string> argv{KXSIM_CLI};
+  argv.insert(argv.end(), args.begin(), args.end());
+  RunOptions opts;
+  opts.env["KXSIM_CONFIG"] = config_;
+  opts.unset_env = {"KXSIM_FAULTS", "KXSIM_LOG"};
+  RunResult r = run_program(argv, opts);
+  EXPECT_EQ(0, r.status) << "kxsim failed: " << r.err;
+  return r.out;
+}
+
+RunResult SimFs::tool(const std::vector<std::string> &args, const std::string &faults,
+                      RunOptions opts) const {
+  std::vector<std::string> argv{VDPOSTRESTORE_BIN};
+  argv.insert(argv.end(), args.begin(), args.end());
+  opts.env["KXSIM_CONFIG"] = config_;
+  opts.env["KXSIM_LOG"] = request_log_path();
+  if (faults.empty()) {
+    opts.unset_env.push_back("KXSIM_FAULTS");
+  } else {
+    opts.env["KXSIM_FAULTS"] = faults;
+  }
+  std::remove(request_log_path().c_str());
+  return run_program(argv, opts);
+}
+
+std::string SimFs::log() const {
+  return read_file(log_path());
+}
+std::string SimFs::request_log() const {
+  return read_file(request_log_path());
+}
+
+bool SimFs::exists(const std::string &rel) const {
+  struct stat st;
+  return lstat(path(rel).c_str(), &st) == 0;
+}
+
+std::vector<std::string> lines_of(const std::string &text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+std::vector<std::string> grep(const std::string &text, const std::string &needle) {
+  std::vector<std::string> hits;
+  for (auto &line : lines_of(text)) {
+    if (line.find(needle) != std::string::npos) hits.push_back(line);
+  }
+  return hits;
+}
+
+std::string log_header(const std::string &mnt, bool removed) {
+  return "Files with no allocated blocks in non-managed directories under " + mnt +
+         ".\nThese files " + (removed ? "were" : "were not") + " removed.\n\n";
+}
+
+}  // namespace toolrun

@@ -1,0 +1,166 @@
+// The walk and the file rules in directories without policy or relation
+// point: which files are reported, what is printed at each verbosity.
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "tool_harness.h"
+
+namespace {
+
+using toolrun::grep;
+using toolrun::lines_of;
+using toolrun::RunResult;
+using toolrun::SimFs;
+
+std::vector<std::string> sorted(std::vector<std::string> v) {
+  std::sort(v.begin(), v.end());
+  return v;
+}
+
+class PostRestoreWalkTest : public ::testing::Test {
+ protected:
+  // The file paths listed in the log after its three header lines.
+  std::vector<std::string> logged() {
+    auto lines = lines_of(fs.log());
+    if (lines.size() < 3) return {};
+    return sorted({lines.begin() + 3, lines.end()});
+  }
+  SimFs fs;
+};
+
+TEST_F(PostRestoreWalkTest, ReportsOnlyFilesWithSizeAndNoBlocks) {
+  fs.blockless("hole", 100);
+  fs.allocated("full");
+  fs.allocated("empty", "");
+  fs.blockless(".hidden", 1);
+  fs.blockless(".hdir/deep/inner", 4096);
+  RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt()});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("", r.err);
+  EXPECT_EQ(sorted({fs.path("hole"), fs.path(".hidden"), fs.path(".hdir/deep/inner")}), logged());
+  EXPECT_EQ(toolrun::log_header(fs.mnt(), false),
+            fs.log().substr(0, toolrun::log_header(fs.mnt(), false).size()));
+  EXPECT_EQ(1u, grep(r.out, "  Would remove file " + fs.path("hole") + ".").size());
+  EXPECT_TRUE(fs.exists("hole")) << "a dry run removes nothing";
+}
+
+TEST_F(PostRestoreWalkTest, ExplainsEachFileAtVerbosityThree) {
+  fs.allocated("full");
+  fs.allocated("empty", "");
+  struct stat st;
+  ASSERT_EQ(0, stat(fs.path("full").c_str(), &st));
+  RunResult r = fs.tool({"-vv", "-f", fs.log_path(), fs.mnt()});
+  ASSERT_EQ(0, r.status) << r.err;
+  const std::string m = fs.mnt();
+  std::vector<std::string> expected = {
+      "Got mount point " + m + ".",
+      "Processing directory " + m + ".",
+      "Not a relation point, no attributes found for directory " + m + ".",
+      "Got directory entry: .",
+      "  Skipping entry.",
+      "Got directory entry: ..",
+      "  Skipping entry.",
+      "Got directory entry: full",
+      "  File has non-zero allocation of " + std::to_string(st.st_blocks) + " blocks, Skipping.",
+      "Got directory entry: empty",
+      "  File has zero length, Skipping.",
+  };
+  EXPECT_EQ(sorted(expected), sorted(lines_of(r.out)));
+  EXPECT_EQ(toolrun::log_header(m, false), fs.log());
+}
+
+TEST_F(PostRestoreWalkTest, VerbosityLevels) {
+  fs.blockless("d/f", 100);
+  const std::string m = fs.mnt();
+  const std::string level1 = "Got mount point " + m + ".\nProcessing directory " + m +
+                             ".\nProcessing directory " + m + "/d.\n  Would remove file " + m +
+                             "/d/f.\n";
+  for (auto args : {std::vector<std::string>{}, {"-v"}}) {
+    args.insert(args.end(), {"-f", fs.log_path(), m});
+    RunResult r = fs.tool(args);
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ(level1, r.out) << "no level-2 messages exist";
+  }
+  RunResult r3 = fs.tool({"-v", "-v", "-f", fs.log_path(), m});
+  EXPECT_EQ(1u, grep(r3.out, "Recursing, found a directory.").size());
+  EXPECT_EQ(6u, grep(r3.out, "Got directory entry: ").size());  // ., .. twice; d; f
+  EXPECT_TRUE(grep(r3.out, "Calling opendir.").empty());
+
+  RunResult r4 = fs.tool({"-vvv", "-f", fs.log_path(), m});
+  EXPECT_EQ(2u, grep(r4.out, "Calling opendir.").size());
+  EXPECT_EQ(lines_of(r3.out).size() + 2, lines_of(r4.out).size());
+}
+
+TEST_F(PostRestoreWalkTest, SymbolicLinksAndSpecialFilesAreNotFollowed) {
+  fs.blockless("hole", 100);
+  std::string outside = (fs.root() / "outside").string();
+  toolrun::make_blockless(outside + "/victim", 100);
+  fs.symlink(outside, "link-to-dir");
+  fs.symlink(fs.path("hole"), "link-to-file");
+  fs.symlink("dangling-target", "dangling");
+  ASSERT_EQ(0, mkfifo(fs.path("fifo").c_str(), 0600));
+  RunResult r = fs.tool({"-vv", "-r", "-f", fs.log_path(), fs.mnt()});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(4u, grep(r.out, "  Not a regular file, Skipping.").size());
+  EXPECT_TRUE(grep(r.out, "Processing directory " + fs.path("link-to-dir")).empty());
+  EXPECT_EQ(std::vector<std::string>{fs.path("hole")}, logged());
+  EXPECT_TRUE(std::filesystem::exists(outside + "/victim"));
+  EXPECT_TRUE(fs.exists("link-to-file"));
+}
+
+// One descriptor per level of depth: a wide tree must not need more than a
+// deep one.
+TEST_F(PostRestoreWalkTest, DescriptorsDoNotGrowWithTheTree) {
+  for (int i = 0; i < 150; ++i) fs.blockless("w" + std::to_string(i) + "/sub/f", 10);
+  toolrun::RunOptions opts;
+  opts.max_open_files = 20;
+  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "", opts);
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(150u, logged().size());
+}
+
+// Child paths are bounded like the tool's buffers: a full path of 1023
+// characters is handled as any other, a longer one ends the run with a
+// message that names it.
+class PostRestoreLongPathTest : public PostRestoreWalkTest {
+ protected:
+  // A directory below the mount point whose path is `len` characters long.
+  std::string deep_dir(std::size_t len) {
+    std::string rel;
+    while (fs.mnt().size() + 1 + rel.size() < len) {
+      std::size_t room = len - (fs.mnt().size() + 1 + rel.size()) - (rel.empty() ? 0 : 1);
+      std::string part(std::min<std::size_t>(room, 200), 'd');
+      rel += (rel.empty() ? "" : "/") + part;
+    }
+    fs.mkdir(rel);
+    return rel;
+  }
+};
+
+TEST_F(PostRestoreLongPathTest, PathOf1023CharactersIsReported) {
+  std::string dir = deep_dir(1000);
+  std::string name(1023 - fs.path(dir).size() - 1, 'f');
+  fs.blockless(dir + "/" + name, 10);
+  ASSERT_EQ(1023u, fs.path(dir + "/" + name).size());
+  RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt()});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(std::vector<std::string>{fs.path(dir + "/" + name)}, logged());
+}
+
+TEST_F(PostRestoreLongPathTest, LongerPathEndsTheRun) {
+  std::string dir = deep_dir(1000);
+  std::string name(1024 - fs.path(dir).size() - 1, 'f');
+  fs.blockless(dir + "/" + name, 10);
+  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("Path is too long (at most 1023 characters): " + fs.path(dir) + "/" + name + "\n",
+            r.err);
+  EXPECT_TRUE(fs.exists(dir + "/" + name));
+}
+
+}  // namespace

@@ -1,0 +1,79 @@
+// Whether a directory lies under a storage-manager relation point.
+#include "dir_attrs.h"
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "dm_names.h"
+#include "settings.h"
+
+namespace {
+
+// A DMAPI handle from the library, released with dm_handle_free.
+struct DmHandle {
+  void *hanp = nullptr;
+  size_t hlen = 0;
+  DmHandle() = default;
+  DmHandle(const DmHandle &) = delete;
+  DmHandle &operator=(const DmHandle &) = delete;
+  ~DmHandle() {
+    if (hanp != nullptr) dm_handle_free(hanp, hlen);
+  }
+};
+
+constexpr size_t kVdeaBufferSize = 128;  // only the attribute's presence matters
+
+void check_event_mask(const DmHandle &handle, const char *dir_path, bool &relation_point) {
+  dm_stat_t dm_stat_buff{};
+  if (dm_get_fileattr(kNoSession, handle.hanp, handle.hlen, kNoToken, 0, &dm_stat_buff) != 0) {
+    ErrPrintf("Failed to get attributes for directory %s: %s.\n", dir_path, std::strerror(errno));
+    return;
+  }
+  if ((dm_stat_buff.dt_emask & kRelationPointEvents) == kRelationPointEvents) {
+    relation_point = true;
+    VPrintf(3, "Directory %s is under a SM relation point.\n", dir_path);
+  } else {
+    VPrintf(3, "Directory %s is not under a SM relation point.\n", dir_path);
+  }
+}
+
+// True when the handle names the directory with inode number `dir_ino`
+// (handles carry the inode number masked as the driver stores it).
+bool handle_names(const DmHandle &handle, uint64_t dir_ino) {
+  dm_ino_t ino = 0;
+  return dm_handle_to_ino(handle.hanp, handle.hlen, &ino) == 0 &&
+         ino == (dir_ino & DM_HANDLE_INO_MASK);
+}
+
+}  // namespace
+
+bool get_dir_attrs(const char *dir_path, uint64_t dir_ino, bool &relation_point) {
+  relation_point = false;
+  DmHandle handle;
+  if (dm_path_to_handle(dir_path, &handle.hanp, &handle.hlen) != 0) {
+    ErrPrintf("Failed to get path-to-handle for directory %s: %s.\n", dir_path,
+              std::strerror(errno));
+    return false;
+  }
+  if (!handle_names(handle, dir_ino)) {
+    ErrPrintf("Directory %s changed while it was being processed.\n", dir_path);
+    return false;
+  }
+  char buffer[kVdeaBufferSize];
+  size_t returned_len = 0;
+  dm_attrname_t vdea = dm_attr_name(kVdeaName);
+  int rc = dm_get_dmattr(kNoSession, handle.hanp, handle.hlen, kNoToken, &vdea, sizeof buffer,
+                         buffer, &returned_len);
+  if (rc == 0) {
+    VPrintf(3, "Dir has attributes.\n");
+    check_event_mask(handle, dir_path, relation_point);
+    return true;
+  }
+  if (errno == ENODATA || errno == ENOENT) {
+    VPrintf(3, "Not a relation point, no attributes found for directory %s.\n", dir_path);
+    return true;
+  }
+  ErrPrintf("Failed to get xattr for directory %s: %s.\n", dir_path, std::strerror(errno));
+  return rc >= 0;
+}

@@ -1,0 +1,68 @@
+// A directory's policy view and the deduplication question.
+#include "dir_policy.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "dm_names.h"
+#include "event_attr.h"
+#include "libutil/snprintf.h"
+#include "settings.h"
+
+namespace {
+constexpr std::size_t kErrMsgSize = 256;
+constexpr std::size_t kAnswerSize = 80;
+}  // namespace
+
+int get_dir_vdp(int dir_fd, const char *dir_path, std::optional<PolicyView> &local_vdp,
+                bool &has_vdpd_info) {
+  has_vdpd_info = false;
+  event_attr_t event_attr;
+  dm_attrname_t name = dm_attr_name(kBfstName);
+  size_t attr_len = 0;
+  if (dm_get_dmattr_fd(dir_fd, kNoSession, kNoToken, &name, sizeof event_attr.raw, event_attr.raw,
+                       &attr_len) != 0) {
+    if (errno != ENODATA && errno != ENOENT) {
+      ErrPrintf("Failed to get xattr for directory %s: %s.\n", dir_path, std::strerror(errno));
+    }
+    return 0;  // no policy of its own
+  }
+  has_vdpd_info = true;
+  char err_msg[kErrMsgSize] = {};
+  PolicyView view;
+  switch (load_dir_policy(dir_path, blk_key(event_attr), view, err_msg, sizeof err_msg)) {
+    case PolicyLoad::kLoaded:
+      local_vdp = view;
+      return 0;
+    case PolicyLoad::kOpenFailed:
+      ErrPrintf("Unable to open vdpolicy for directory %s: %s\n", dir_path, err_msg);
+      return -1;
+    case PolicyLoad::kLoadFailed:
+      ErrPrintf("Unable to obtain vdpolicy information for directory %s: %s\n", dir_path, err_msg);
+      return -1;
+  }
+  return -1;
+}
+
+// The policy store is not part of this build: a directory that names a
+// policy cannot have it loaded, and the walk must stop there rather than
+// treat its files as unmanaged.
+PolicyLoad load_dir_policy(const char * /*dir_path*/, uint64_t /*key*/, PolicyView & /*view*/,
+                           char *err_msg, std::size_t err_size) {
+  KxSnprintf(err_msg, err_size, "%s", std::strerror(ENOSYS));
+  return PolicyLoad::kOpenFailed;
+}
+
+void ask_keep_dedup_files(FILE *in) {
+  if (Preserve_dedup_files || Prompt_for_dedup_files) return;
+  VPrintf(1,
+          "File system has deduplicated files stored in blockpool, do you wish to keep them "
+          "(<y>/n)?");
+  (void)std::fflush(stdout);  // the question must be on screen before we wait
+  // Preset to 'y': end of input keeps the files, a bare Enter does not.
+  char answer[kAnswerSize] = {'y'};
+  if (std::fgets(answer, sizeof answer, in) == nullptr || answer[0] == 'y' || answer[0] == 'Y') {
+    Preserve_dedup_files = 1;
+  }
+  Prompt_for_dedup_files = 1;
+}

@@ -1,0 +1,88 @@
+// The clean-up rules for one regular file.
+#include "file_rules.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "dm_names.h"
+#include "event_attr.h"
+#include "log_file.h"
+#include "policy_info.h"
+#include "settings.h"
+#include "unique_fd.h"
+
+namespace {
+
+// Step f: the policy keeps copies elsewhere; the file goes only when its
+// attribute does not show that a copy exists.
+bool check_stored_copy(const FileRef &file, const DirState &dir) {
+  const char *where = dir.was_enabled ? "WAS" : "blockpool";
+  switch (tag_objid_exists(file)) {
+    case StoredElsewhere::kYes:
+      VPrintf(3, "  Truncated file stored to %s, Skipping\n", where);
+      return true;
+    case StoredElsewhere::kNo:
+      VPrintf(3, "  Truncated file under WAS policy, but not stored to %s.\n", where);
+      return remove_file(file);
+    case StoredElsewhere::kUnreadable:
+      break;
+  }
+  return remove_file(file);
+}
+
+}  // namespace
+
+bool apply_file_rules(const FileRef &file, const struct stat &st, const DirState &dir) {
+  if (dir.relation_point) {
+    VPrintf(3, "  File is managed by SM, Skipping.\n");
+    return true;
+  }
+  if (may_strip_policy_info(dir)) remove_vdpolicy_info(file.dir_fd, file.name, file.path);
+  if (st.st_blocks != 0) {
+    VPrintf(3, "  File has non-zero allocation of %ld blocks, Skipping.\n",
+            static_cast<long>(st.st_blocks));
+    return true;
+  }
+  if (st.st_size == 0) {
+    VPrintf(3, "  File has zero length, Skipping.\n");
+    return true;
+  }
+  if (!dir.was_enabled && (!dir.dedup_enabled || !Preserve_dedup_files)) return remove_file(file);
+  return check_stored_copy(file, dir);
+}
+
+bool remove_file(const FileRef &file) {
+  VPrintf(1, "  %s file %s.\n", Remove_Files ? "Removing" : "Would remove", file.path);
+  if (Remove_Files && unlinkat(file.dir_fd, file.name, 0) != 0) {
+    ErrPrintf("Failed to remove file %s: %s.\n", file.path, std::strerror(errno));
+    return false;
+  }
+  // Logged after the unlink: a line in the log always means the file is
+  // gone (with -r), and the line reaches the kernel before the next removal.
+  return log_reported_file(file.path);
+}
+
+StoredElsewhere tag_objid_exists(const FileRef &file) {
+  UniqueFd fd(openat(file.dir_fd, file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd) {
+    int err = errno;
+    ErrPrintf("Cannot open WAS managed file %s, errno=%d: %s\n", file.path, err,
+              std::strerror(err));
+    return StoredElsewhere::kUnreadable;
+  }
+  event_attr_t event_attr;
+  dm_attrname_t bfst = dm_attr_name(kBfstName);
+  size_t attr_len = 0;
+  if (dm_get_dmattr_fd(fd.get(), kNoSession, kNoToken, &bfst, sizeof event_attr.raw, event_attr.raw,
+                       &attr_len) != 0) {
+    int err = errno;
+    ErrPrintf("Unable to obtain BFST EA for vdpolicyd managed file %s: %s\n", file.path,
+              std::strerror(err));
+    return StoredElsewhere::kUnreadable;
+  }
+  return (blk_flags(event_attr) & kBlkFlagsStoredElsewhere) != 0 ? StoredElsewhere::kYes
+                                                                 : StoredElsewhere::kNo;
+}

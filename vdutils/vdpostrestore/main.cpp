@@ -1,0 +1,83 @@
+// vdpostrestore: clean up a file system after a metadata restore.
+//
+// Start-up, in order: privilege check, command line, log file and header,
+// mount point check, DMAPI session and version check; then the walk. Every
+// failure ends the run with exit status 1; -h ends it with 0.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "dir_walk.h"
+#include "kxdmapi/kxdmapi.h"
+#include "libutil/priv_check.h"
+#include "log_file.h"
+#include "options.h"
+#include "settings.h"
+
+namespace {
+
+// The library release this tool was built for, with its terminator.
+constexpr char kDmapiVersion[] = "KXFS DMAPI (XDSM) API, Release 1.0.";
+
+bool check_mount_point() {
+  struct stat st;
+  if (stat(Mount_Point, &st) != 0) {
+    ErrPrintf("Failed to stat mount point %s: %s.\n", Mount_Point, std::strerror(errno));
+    return false;
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    ErrPrintf("%s is not a directory.\n", Mount_Point);
+    return false;
+  }
+  return true;
+}
+
+bool open_dm_session() {
+  char *version_string = nullptr;
+  if (dm_init_service(&version_string) < 0) {
+    ErrPrintf("Failed to init dm session: %s.\n", std::strerror(errno));
+    return false;
+  }
+  // strncmp over the full length and terminator: equal only for exactly the
+  // same string, and never reads past the end of a shorter one.
+  if (version_string == nullptr ||
+      std::strncmp(version_string, kDmapiVersion, sizeof kDmapiVersion) != 0) {
+    ErrPrintf("Version mismatch---session initialized for %s, but compiled for %s.\n",
+              version_string != nullptr ? version_string : "(null)", kDmapiVersion);
+    return false;
+  }
+  return true;
+}
+
+int run(int argc, char **argv) {
+  if (!PrivCheck()) {
+    (void)std::fputs("Insufficient administrative privileges.\n", stderr);
+    return 1;
+  }
+  Prog = (argc > 0 && argv[0] != nullptr) ? argv[0] : "vdpostrestore";
+  set_caller_name(Prog);
+  switch (parse_command_line(argc, argv)) {
+    case OptionsResult::kRun:
+      break;
+    case OptionsResult::kExitOk:
+      return 0;
+    case OptionsResult::kExitFail:
+      return 1;
+  }
+  VPrintf(1, "Got mount point %s.\n", Mount_Point);
+  if (LogFileName[0] == '\0') std::memcpy(LogFileName, kDefaultLogFile, sizeof kDefaultLogFile);
+  // The header goes out before the mount point is examined: a run that
+  // fails from here on still leaves a log that says what it was run on.
+  if (!open_log_file()) return 1;
+  if (!check_mount_point() || !open_dm_session()) return 1;
+  if (!walk_tree()) return 1;
+  return finish_log_file() ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  return run(argc, argv);
+}

@@ -1,0 +1,20 @@
+// The command line of vdpostrestore.
+#pragma once
+
+enum class OptionsResult {
+  kRun,       // settings filled in; go on with start-up
+  kExitOk,    // -h: usage written, exit status 0
+  kExitFail,  // bad command line: message written, exit status 1
+};
+
+// Writes the usage text to standard error. Does not exit.
+void usage();
+
+// Reads the options ("f:bhprv") into the settings, then the mount point
+// (the first argument left) into Mount_Point with its trailing slashes
+// stripped. Arguments that do not fit their 1024-byte buffers are refused
+// with a message naming them.
+OptionsResult parse_command_line(int argc, char **argv);
+
+// Removes trailing slashes but keeps a lone "/": "/fs///" -> "/fs".
+void strip_trailing_slashes(char *path);

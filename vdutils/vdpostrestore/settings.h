@@ -1,0 +1,31 @@
+// Process-wide settings of vdpostrestore and its leveled output.
+//
+// The settings are written during start-up (options.cpp) and read by the
+// walk; Preserve_dedup_files and Prompt_for_dedup_files may also change
+// during the walk, when the operator answers the deduplication question.
+// The tool is single-threaded, so nothing here is locked.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+inline constexpr std::size_t kPathBufferSize = 1024;
+inline constexpr char kDefaultLogFile[] = "/usr/vexo/logs/vdpostrestore.out";
+
+extern int32_t Verbosity;               // 1, plus one per -v
+extern int32_t Remove_Files;            // -r
+extern int32_t Preserve_dedup_files;    // -b, or "yes" to the question
+extern int32_t Preserve_vdpolicy_info;  // -p
+extern int32_t Prompt_for_dedup_files;  // the question has been asked
+extern char Mount_Point[kPathBufferSize];
+extern char LogFileName[kPathBufferSize];
+extern FILE *LogFile;
+extern const char *Prog;  // argv[0]
+
+// Progress message on standard output, printed when Verbosity >= vlevel.
+// Adds nothing to the text (no prefix, no newline).
+void VPrintf(int vlevel, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+// Error message on standard error. Standard output is flushed first so that
+// progress and errors keep their order when both go to one file or pipe.
+void ErrPrintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
