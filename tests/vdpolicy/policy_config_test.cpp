@@ -1,0 +1,169 @@
+// The compiled-in policies and the life cycle of a PolicyConfig_t.
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "policy_fixture.h"
+#include "vdpolicy/lib/policy_internal.h"
+
+namespace {
+
+std::set<int> LocalSlots(const PolicyConfig_t &cfg) {
+  std::set<int> slots;
+  for (int i = 0; i < VDP_NUM_SLOTS; ++i) {
+    EXPECT_NE(VDP_ORIGIN_INHERITED, cfg.polcfg_origin[i]) << "slot " << i;
+    if (cfg.polcfg_origin[i] == VDP_ORIGIN_LOCAL) slots.insert(i);
+  }
+  return slots;
+}
+
+}  // namespace
+
+TEST(CompiledPolicies, DefaultHoldsTheGlobalDefaults) {
+  const PolicyConfig_t &d = Global_Policy_Config;
+  EXPECT_STREQ("default", d.polcfg_name);
+  EXPECT_EQ(nullptr, d.polcfg_inherit);
+  EXPECT_EQ(16777216, d.polcfg_fencepost_gap);
+  EXPECT_EQ(1073741824, d.polcfg_max_seg_size);
+  EXPECT_EQ(300, d.polcfg_max_seg_age);
+  EXPECT_EQ(60u, d.polcfg_dedup_age);
+  EXPECT_EQ(4096u, d.polcfg_dedup_min_size);
+  EXPECT_EQ(1073741824u, d.polcfg_dedup_seg_size);
+  EXPECT_EQ(8388608u, d.polcfg_dedup_min_round);
+  EXPECT_EQ(268435456u, d.polcfg_dedup_max_round);
+  EXPECT_STREQ("localhost", d.polcfg_dedup_bfst);
+  EXPECT_EQ(31536000u, d.polcfg_trunc_age);
+  EXPECT_EQ(4096u, d.polcfg_rep_inline_size);
+  EXPECT_EQ(1u, d.polcfg_rep_copies);
+  EXPECT_EQ(0x8000u, d.polcfg_flags);
+  EXPECT_EQ(0x100u, d.polcfg_rep_flags);
+  EXPECT_EQ(1, d.polcfg_ref);
+  EXPECT_EQ(VDP_POLCFG_VERSION, d.polcfg_version);
+  EXPECT_EQ((std::set<int>{2,  10, 11, 12, 13, 14, 15, 16, 17, 18, 21, 22,
+                           30, 31, 33, 34, 40, 43, 44, 45, 52, 57, 59}),
+            LocalSlots(d));
+}
+
+TEST(CompiledPolicies, ConfigAndTargetEndTheirChainsAtGlobal) {
+  const PolicyConfig_t &c = Config_Policy_Config;
+  EXPECT_STREQ("config", c.polcfg_name);
+  EXPECT_STREQ("global", c.polcfg_inherit);
+  EXPECT_EQ(-1, c.polcfg_fencepost_gap);
+  EXPECT_EQ(-1, c.polcfg_max_seg_size);
+  EXPECT_EQ(-1, c.polcfg_max_seg_age);
+  EXPECT_EQ(0x8000u, c.polcfg_flags);
+  EXPECT_EQ(0, c.polcfg_ref);
+  EXPECT_EQ((std::set<int>{2, 12, 13, 22, 30, 33, 34}), LocalSlots(c));
+
+  const PolicyConfig_t &t = Target_Policy_Config;
+  EXPECT_STREQ("target", t.polcfg_name);
+  EXPECT_STREQ("global", t.polcfg_inherit);
+  EXPECT_EQ(0x8000u, t.polcfg_flags);
+  EXPECT_EQ(0x40u, t.polcfg_rep_flags);
+  EXPECT_EQ((std::set<int>{2, 50}), LocalSlots(t));
+}
+
+TEST(PolicyOptionsTable, SlotsAndOffsetsAgreeWithTheRecord) {
+  int rows = 0;
+  for (const Option *row = PolicyOptions; row->m_name != nullptr; ++row, ++rows) {
+    EXPECT_GE(row->m_option, 2) << row->m_name;
+    EXPECT_LT(row->m_option, VDP_NUM_SLOTS) << row->m_name;
+    EXPECT_LT(static_cast<size_t>(row->m_field_offset), sizeof(PolicyConfig_t)) << row->m_name;
+    EXPECT_NE(nullptr, row->m_usage) << row->m_name;
+  }
+  EXPECT_EQ(60, rows);
+  EXPECT_STREQ("replication input policy - 'false' = not a target.", PolicyOptions[43].m_usage);
+}
+
+// ---- Copying and freeing records -----------------------------------------
+
+TEST_F(PolicyParseTest, CopyIsDeepAndMarksInheritedSlots) {
+  ASSERT_EQ("OK", ParseKeyed("name=src,inherit=p,root=r,dedup_skip=*.o,"
+                             "objs_namespace=1M:a|b\n"
+                             "rep_target=[@daily] target:/a@h:1,ingest_off=@hourly"));
+  cfg_.polcfg_ingest_sched = load_entry("@hourly");
+  PolicyConfig_t copy;
+  ASSERT_EQ(0, init_policy_config_from(&copy, &cfg_));
+  // Identity stays with the record being built.
+  EXPECT_EQ(nullptr, copy.polcfg_name);
+  EXPECT_EQ(nullptr, copy.polcfg_inherit);
+  EXPECT_EQ(nullptr, copy.polcfg_root);
+  EXPECT_EQ(0u, copy.polcfg_key);
+  EXPECT_EQ(VDP_ORIGIN_DEFAULT, copy.polcfg_origin[VDP_SLOT_NAME]);
+  EXPECT_EQ(VDP_ORIGIN_INHERITED, copy.polcfg_origin[VDP_SLOT_DEDUP_SKIP]);
+  EXPECT_EQ(VDP_ORIGIN_DEFAULT, copy.polcfg_origin[VDP_SLOT_TRUNC_SKIP]);
+  // Owned copies, not shared pointers.
+  ASSERT_NE(nullptr, copy.polcfg_dedup_regex);
+  EXPECT_NE(cfg_.polcfg_dedup_regex, copy.polcfg_dedup_regex);
+  EXPECT_STREQ("*.o", copy.polcfg_dedup_regex);
+  EXPECT_STREQ("b", copy.polcfg_cloud_steer_entries[1].container);
+  ASSERT_EQ(1u, copy.polcfg_rep_targ_cnt);
+  EXPECT_NE(cfg_.polcfg_rep_target[0]->schedule, copy.polcfg_rep_target[0]->schedule);
+  EXPECT_STREQ("target:/a@h:1", copy.polcfg_target_names[0]);
+  ASSERT_NE(nullptr, copy.polcfg_ingest_sched);
+  free_policy_config_contents(&copy);
+  EXPECT_EQ(nullptr, copy.polcfg_dedup_regex);
+  EXPECT_EQ(nullptr, copy.polcfg_rep_target);
+  EXPECT_EQ(0, copy.polcfg_cloud_steer_cnt);
+}
+
+TEST_F(PolicyParseTest, FreeingTwiceOrNullIsHarmless) {
+  ASSERT_EQ("OK", Parse("dedup_bfst=x,rep_target=target:/a@h:1"));
+  free_policy_config_contents(&cfg_);
+  free_policy_config_contents(&cfg_);
+  free_policy_config_contents(nullptr);
+  EXPECT_EQ(0u, cfg_.polcfg_target_cnt);
+}
+
+// ---- Out of memory: every failed allocation fails cleanly ---------------
+
+class PolicyOutOfMemoryTest : public PolicyParseTest {
+ protected:
+  void TearDown() override {
+    vdpol::alloc_failure_countdown = -1;
+    PolicyParseTest::TearDown();
+  }
+};
+
+TEST_F(PolicyOutOfMemoryTest, EachAllocationOfAParseMayFail) {
+  // No final line feed: the last line is parsed from a copy.
+  const std::string text =
+      "name=n,root=r,affinity=a,dedup_skip=x,rep_realize=/x/\n"
+      "objs_namespace=1M:1G:a|b|c,rep_off=[@daily]\n"
+      "rep_target=[@daily] target:/a@h:1 target:/b@h:2\nrep_target=target:/c@h:3";
+  int failures = 0;
+  for (int n = 0; n < 100; ++n) {
+    Reset();
+    cfg_.polcfg_mount = strdup("/m");
+    vdpol::alloc_failure_countdown = n;
+    std::string msg = Parse(text, 1);
+    vdpol::alloc_failure_countdown = -1;
+    if (msg == "OK") break;
+    EXPECT_EQ("memory allocation failure", msg) << "failing allocation " << n;
+    ++failures;
+  }
+  EXPECT_GE(failures, 20);
+  EXPECT_STREQ("/m/__KXFS_Handle.r", cfg_.polcfg_root);
+}
+
+TEST_F(PolicyOutOfMemoryTest, FailedCopyFreesWhatItCopied) {
+  ASSERT_EQ("OK", Parse("dedup_skip=x,objs_namespace=1M:a|b,rep_target=[@daily] "
+                        "target:/a@h:1 target:/b@h:2"));
+  int failures = 0;
+  for (int n = 0; n < 50; ++n) {
+    PolicyConfig_t copy;
+    vdpol::alloc_failure_countdown = n;
+    errno = 0;
+    int rc = init_policy_config_from(&copy, &cfg_);
+    vdpol::alloc_failure_countdown = -1;
+    if (rc == 0) {
+      free_policy_config_contents(&copy);
+      break;
+    }
+    EXPECT_EQ(-1, rc);
+    EXPECT_EQ(ENOMEM, errno);
+    EXPECT_EQ(nullptr, copy.polcfg_dedup_regex);
+    ++failures;
+  }
+  EXPECT_GE(failures, 8);
+}

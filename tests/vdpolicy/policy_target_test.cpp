@@ -1,0 +1,148 @@
+// Object-storage steering namespaces and replication targets in policy texts.
+#include "policy_fixture.h"
+
+namespace {
+
+std::string TargetNames(const PolicyConfig_t &cfg) {
+  std::string out;
+  for (uint32_t i = 0; i < cfg.polcfg_target_cnt; ++i)
+    out += (i ? " " : "") + std::string(cfg.polcfg_target_names[i]);
+  return out;
+}
+
+std::string Steering(const PolicyConfig_t &cfg) {
+  std::string out;
+  for (int i = 0; i < cfg.polcfg_cloud_steer_cnt; ++i) {
+    const steer_entry_t &e = cfg.polcfg_cloud_steer_entries[i];
+    out +=
+        (i ? " " : "") + std::to_string(e.file_size) + "=" + (e.container ? e.container : "(null)");
+  }
+  return out;
+}
+
+}  // namespace
+
+using PolicySteeringTest = PolicyParseTest;
+using PolicyTargetTest = PolicyParseTest;
+
+// ---- Steering namespaces ------------------------------------------------
+
+TEST_F(PolicySteeringTest, BoundsAndNamespacesFillTheTable) {
+  EXPECT_EQ("OK", Parse("objs_namespace=1M:1G:small|medium|large"));
+  EXPECT_EQ("1048576=small 1073741824=medium 0=large", Steering(cfg_));
+  EXPECT_STREQ("1M:1G:small|medium|large", cfg_.polcfg_cloud_container);
+  EXPECT_EQ(VDP_ORIGIN_LOCAL, cfg_.polcfg_origin[VDP_SLOT_OBJS_NAMESPACE]);
+}
+
+TEST_F(PolicySteeringTest, PlainNamespaceReplacesAnInheritedTable) {
+  EXPECT_EQ("OK", Parse("was_namespace=1k:a|b"));
+  cfg_.polcfg_origin[VDP_SLOT_OBJS_NAMESPACE] = VDP_ORIGIN_INHERITED;
+  EXPECT_EQ("OK", Parse("objs_namespace=bucket-1"));
+  EXPECT_EQ(0, cfg_.polcfg_cloud_steer_cnt);
+  EXPECT_EQ(nullptr, cfg_.polcfg_cloud_steer_entries[0].container);
+  EXPECT_STREQ("bucket-1", cfg_.polcfg_cloud_container);
+}
+
+TEST_F(PolicySteeringTest, FewerNamespacesLeaveEntriesEmpty) {
+  EXPECT_EQ("OK", Parse("objs_namespace=4k:8k:x"));
+  EXPECT_EQ("4096=x 8192=(null) 0=(null)", Steering(cfg_));
+}
+
+TEST_F(PolicySteeringTest, EightBoundsGiveNineEntries) {
+  EXPECT_EQ("OK", Parse("objs_namespace=1:2:3:4:5:6:7:8:a|b|c|d|e|f|g|h|i"));
+  EXPECT_EQ("1=a 2=b 3=c 4=d 5=e 6=f 7=g 8=h 0=i", Steering(cfg_));
+}
+
+TEST_F(PolicySteeringTest, MalformedSpecsAreRefusedWithTheirMessages) {
+  EXPECT_EQ("Too many steering entries 9 defined, max 8 is allowed.\n",
+            Parse("objs_namespace=1:2:3:4:5:6:7:8:9:a"));
+  struct Case {
+    const char *value;
+    const char *message;
+  } cases[] = {
+      {"1G:1M:a|b|c", "OBJS steering file size should be in increasing order.\n"},
+      {"1M:1M:a", "OBJS steering file size should be in increasing order.\n"},
+      {"1M:a|b|c",
+       "OBJS steering namespaces doesn't match the number of steering file size "
+       "ranges.\n"},
+      {"1X:a", "faild to parse steering namespaces: 1X\n"},
+      {"1M:huge:a", "faild to parse steering namespaces: huge\n"},
+      {":a", "faild to parse steering namespaces: \n"},
+  };
+  for (const Case &c : cases) {
+    Reset();
+    EXPECT_EQ(c.message, Parse(std::string("objs_namespace=") + c.value)) << c.value;
+    EXPECT_EQ(0, cfg_.polcfg_cloud_steer_cnt) << c.value;
+    EXPECT_EQ(nullptr, cfg_.polcfg_cloud_container) << c.value;
+  }
+}
+
+// ---- Replication targets ------------------------------------------------
+
+TEST_F(PolicyTargetTest, WordsAndScheduleOfOneTarget) {
+  EXPECT_EQ("OK", Parse("rep_target=[0 1 * * *] target://fs1@host:7000 target:/x@:"));
+  ASSERT_EQ(1u, cfg_.polcfg_rep_targ_cnt);
+  const pol_target_t *t = cfg_.polcfg_rep_target[0];
+  EXPECT_STREQ("[0 1 * * *] target://fs1@host:7000 target:/x@:", t->raw_target);
+  ASSERT_NE(nullptr, t->schedule);
+  EXPECT_TRUE(sched_bit_test(t->schedule->hour, 1));
+  EXPECT_FALSE(sched_bit_test(t->schedule->hour, 2));
+  EXPECT_EQ(2u, t->target_cnt);
+  EXPECT_EQ("target://fs1@host:7000 target:/x@:", TargetNames(cfg_));
+}
+
+TEST_F(PolicyTargetTest, EachRepTargetAddsAndTheFirstReplacesInherited) {
+  EXPECT_EQ("OK", Parse("rep_target=target:/old@h:1"));
+  cfg_.polcfg_origin[VDP_SLOT_REP_TARGET] = VDP_ORIGIN_INHERITED;
+  EXPECT_EQ("OK", Parse("rep_target=target:/a@h:1\nrep_target=target:/b@h:2\ttarget:/c@h:"));
+  ASSERT_EQ(2u, cfg_.polcfg_rep_targ_cnt);
+  EXPECT_STREQ("target:/a@h:1", cfg_.polcfg_rep_target[0]->raw_target);
+  EXPECT_EQ(nullptr, cfg_.polcfg_rep_target[1]->schedule);
+  EXPECT_EQ(2u, cfg_.polcfg_rep_target[1]->target_cnt);
+  EXPECT_EQ("target:/a@h:1 target:/b@h:2 target:/c@h:", TargetNames(cfg_));
+  EXPECT_EQ(VDP_ORIGIN_LOCAL, cfg_.polcfg_origin[VDP_SLOT_REP_TARGET]);
+}
+
+TEST_F(PolicyTargetTest, IndexesPointIntoTheNameList) {
+  EXPECT_EQ("OK", Parse("rep_target=target:/a@h:1\nrep_target=target:/b@h:2 target:/c@h:3"));
+  const pol_target_t *second = cfg_.polcfg_rep_target[1];
+  ASSERT_EQ(2u, second->target_cnt);
+  EXPECT_STREQ("target:/b@h:2", cfg_.polcfg_target_names[second->target_idx[0]]);
+  EXPECT_STREQ("target:/c@h:3", cfg_.polcfg_target_names[second->target_idx[1]]);
+}
+
+TEST_F(PolicyTargetTest, AtMostEightWordsOverAllTargets) {
+  std::string five, four;
+  for (int i = 0; i < 5; ++i) five += " target:/p" + std::to_string(i) + "@h:1";
+  for (int i = 0; i < 4; ++i) four += " target:/q" + std::to_string(i) + "@h:1";
+  EXPECT_EQ("Too many targets to policy", Parse("rep_target=" + five + "\nrep_target=" + four));
+  EXPECT_EQ(1u, cfg_.polcfg_rep_targ_cnt);
+  EXPECT_EQ(5u, cfg_.polcfg_target_cnt);
+}
+
+TEST_F(PolicyTargetTest, MalformedTargetsAreRefusedWithTheirMessages) {
+  struct Case {
+    const char *value;
+    const char *message;
+  } cases[] = {
+      {"target://fs1@host", "Bad host specifier in target: 'target://fs1@host'"},
+      {"target:/fs1", "No host specifier in target: 'target:/fs1'"},
+      {"target:/a:b@h:1", "No host specifier in target: 'target:/a:b@h:1'"},
+      {"target:/a@", "Bad host specifier in target: 'target:/a@'"},
+      {"target:/a@@h:1", "Bad host specifier in target: 'target:/a@@h:1'"},
+      {"target:/a@h:1:2", "Bad port field after ':' in target: 'target:/a@h:1:2'"},
+      {"target:/a@h:1@x", "Bad port field after ':' in target: 'target:/a@h:1@x'"},
+      {"Target:/a@h:1", "Target prefix missing: 'Target:/a@h:1'"},
+      {"target:/a@h:1 host:2", "Target prefix missing: 'host:2'"},
+      {"[0 1 * * * target:/a@h:1", "Malformed policy target"},
+      {"[0 1 * * *]", "Malformed policy target"},
+      {"", "Malformed policy target"},
+      {"[61 * * * *] target:/a@h:1", "Bad schedule in policy target: '61 * * * *'"},
+  };
+  for (const Case &c : cases) {
+    Reset();
+    EXPECT_EQ(c.message, Parse(std::string("rep_target=") + c.value)) << c.value;
+    EXPECT_EQ(0u, cfg_.polcfg_rep_targ_cnt) << c.value;
+    EXPECT_EQ(0u, cfg_.polcfg_target_cnt) << c.value;
+  }
+}

@@ -1,0 +1,364 @@
+// objs.conf as an administrator writes it, and the check that policies make
+// against it. The configuration directory is a temporary one named by
+// KXFSCONF, set before anything resolves the installation directories.
+#include "vdpolicy/lib/vd_was_lib.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "libutil/getroot.h"
+#include "libutil/kxlog.h"
+
+namespace {
+
+std::string g_conf_dir;
+std::string g_conf_path;
+
+// Installation directories are resolved once per process, so KXFSCONF is set
+// here, before any test asks for them (and not while tests are only listed).
+class ConfDir : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    char tmpl[] = "/tmp/vd_was_lib_test.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(tmpl));
+    g_conf_dir = tmpl;
+    g_conf_path = g_conf_dir + "/objs.conf";
+    setenv("KXFSCONF", tmpl, 1);
+  }
+  void TearDown() override { std::filesystem::remove_all(g_conf_dir); }
+};
+const auto *const g_conf_env = ::testing::AddGlobalTestEnvironment(new ConfDir);
+
+std::vector<std::string> g_log;
+
+void CaptureLog(int level, const char *format, ...) {
+  char buf[512];
+  va_list ap;
+  va_start(ap, format);
+  vsnprintf(buf, sizeof buf, format, ap);
+  va_end(ap);
+  g_log.push_back(std::to_string(level) + ":" + buf);
+}
+
+std::string Join(char *const *items, int count) {
+  std::string out;
+  for (int i = 0; i < count; ++i) out += (i ? "|" : "") + std::string(items[i]);
+  return out;
+}
+
+class ObjsConfTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_log.clear();
+    saved_ = __kxfs_logfn;
+    __kxfs_logfn = CaptureLog;
+    std::filesystem::remove(g_conf_path);
+  }
+  void TearDown() override {
+    free_was_config_info(&info_);
+    __kxfs_logfn = saved_;
+  }
+
+  static void Write(const std::string &text) { std::ofstream(g_conf_path) << text; }
+
+  // Parses text as objs.conf: "OK <count>" or the error message, with the
+  // prefix naming the file cut to "@" for readability.
+  std::string Parse(const std::string &text) {
+    Write(text);
+    free_was_config_info(&info_);
+    char *err = nullptr;
+    int rc = parse_objs_config_file(g_conf_path.c_str(), &info_, &err);
+    if (rc == 0) {
+      EXPECT_EQ(nullptr, err);
+      return "OK " + std::to_string(info_.config_count);
+    }
+    EXPECT_EQ(0, info_.config_count);
+    std::string msg = err != nullptr ? err : "(null)";
+    free(err);
+    size_t at = msg.find(g_conf_path);
+    if (at != std::string::npos) msg.replace(at, g_conf_path.size(), "@");
+    return msg;
+  }
+  std::string Hosts(int i) const {
+    return Join(info_.config[i]->host_ports, info_.config[i]->hosts_cnt);
+  }
+  std::string Spaces(int i) const {
+    return Join(info_.config[i]->buckets, info_.config[i]->buckets_cnt);
+  }
+
+  cla_was_config_info info_{};
+  kxfs_logfn_t saved_ = nullptr;
+};
+
+constexpr char kMinimal[] = "objs_id=c1,access_host_ports=h1,namespaces=ns1\n";
+
+TEST_F(ObjsConfTest, ReadsEveryKeyword) {
+  ASSERT_EQ("OK 1", Parse("# object storage\n"
+                          "objs_id=Cloud1,provider=amazons3,access_host_ports=h1:80|h2\n"
+                          "\n"
+                          "manager_host=m1,manager_port=8443,manager_https=yes\n"
+                          "manager_username=admin,manager_password=\"p,w\"\n"
+                          "namespaces=a|b,namespaces=c,authentication=awsv4\n"
+                          "username=x,username=u,password=pw,use_zlib,server_auth=1\n"
+                          "capath=/tmp,cacertfile=/dev/null,max_seg_size=1g\n"
+                          "objs_transfertimeout=1800,s3_virtual_hosting=on,s3_ss_encryption=1\n"));
+  const CLA_PARAM_T &c = *info_.config[0];
+  EXPECT_STREQ("Cloud1", c.cloud_id);
+  EXPECT_EQ(CLA_PROVIDER_AMAZON_S3, c.provider);
+  EXPECT_EQ("h1:80|h2", Hosts(0));
+  EXPECT_STREQ("m1", c.manager_host);
+  EXPECT_EQ(8443u, c.manager_port);
+  EXPECT_TRUE(c.manager_https);
+  EXPECT_STREQ("admin", c.manager_username);
+  EXPECT_STREQ("p,w", c.manager_password);
+  EXPECT_EQ("a|b|c", Spaces(0));
+  EXPECT_EQ(CLA_AUTH_AWSV4, c.authentication);
+  EXPECT_STREQ("u", c.username);
+  EXPECT_STREQ("pw", c.password);
+  EXPECT_TRUE(c.use_zlib);
+  EXPECT_FALSE(c.use_https);
+  EXPECT_EQ(CLA_VERIFY_PEERHOST, c.server_auth);
+  EXPECT_STREQ("/tmp", c.capath);
+  EXPECT_STREQ("/dev/null", c.cacertfile);
+  EXPECT_EQ(1ull << 30, c.max_seg_size);
+  EXPECT_EQ(1800u, c.was_transfertimeout);
+  EXPECT_TRUE(c.s3_virtual_hosting);
+  EXPECT_TRUE(c.s3_ss_encryption);
+}
+
+TEST_F(ObjsConfTest, DefaultsOfANewConfiguration) {
+  was_tune_keepalive_idle = 11;
+  was_tune_keepalive_intvl = 12;
+  ASSERT_EQ("OK 2", Parse(std::string(kMinimal) + "OBJS_ID=c2,access_host_ports=h,namespaces=n\n"));
+  was_tune_keepalive_idle = 60;
+  was_tune_keepalive_intvl = 30;
+  const CLA_PARAM_T &c = *info_.config[1];
+  EXPECT_STREQ("c2", c.cloud_id);
+  EXPECT_EQ(CLA_PROVIDER_FENWYK, c.provider);
+  EXPECT_EQ(180u, c.was_transfertimeout);
+  EXPECT_EQ(11, c.was_keepalive_idle);
+  EXPECT_EQ(12, c.was_keepalive_intvl);
+}
+
+TEST_F(ObjsConfTest, MissingFileHasNoConfigurations) {
+  char *err = nullptr;
+  EXPECT_EQ(0, parse_objs_config_file((g_conf_dir + "/none").c_str(), &info_, &err));
+  EXPECT_EQ(0, info_.config_count);
+  EXPECT_EQ(nullptr, err);
+  EXPECT_EQ("OK 0", Parse(""));
+  EXPECT_EQ("OK 0", Parse("# nothing yet\n\n"));
+}
+
+TEST_F(ObjsConfTest, UnreadableFile) {
+  char *err = nullptr;
+  EXPECT_EQ(-1, parse_objs_config_file(g_conf_dir.c_str(), &info_, &err));
+  ASSERT_NE(nullptr, err);
+  EXPECT_EQ(
+      "Unable to parse OBJS configuration file(" + g_conf_dir + "): OBJS config file read failed",
+      std::string(err));
+  free(err);
+  std::string fifo = g_conf_dir + "/fifo";
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  EXPECT_EQ(-1, parse_objs_config_file(fifo.c_str(), &info_, &err));  // must not block
+  ASSERT_NE(nullptr, err);
+  EXPECT_EQ("Unable to parse OBJS configuration file(" + fifo + "): Cannot open OBJS config file",
+            std::string(err));
+  free(err);
+  unlink(fifo.c_str());
+  EXPECT_EQ(-1, parse_objs_config_file(g_conf_path.c_str(), &info_, nullptr));
+}
+
+TEST_F(ObjsConfTest, PortRanges) {
+  ASSERT_EQ("OK 1", Parse("objs_id=c,namespaces=n,access_host_ports=h1:8080-8082|h2\n"));
+  EXPECT_EQ("h1:8080|h1:8081|h1:8082|h2", Hosts(0));
+  ASSERT_EQ("OK 1", Parse("objs_id=c,namespaces=n,access_host_ports=h:8000-8256\n"));
+  EXPECT_EQ(CLA_MAX_HOST_PORTS, info_.config[0]->hosts_cnt);  // 257 ports, 256 kept
+  EXPECT_STREQ("h:8255", info_.config[0]->host_ports[255]);
+  EXPECT_EQ("Failed to parse OBJS configuration file(@) at line 2: incorrect ports specified.\n",
+            Parse("objs_id=c,namespaces=n\naccess_host_ports=h1:9000-8000\n"));
+  EXPECT_EQ("Failed to parse OBJS configuration file(@) at line 1: incorrect ports specified.\n",
+            Parse("objs_id=c,namespaces=n,access_host_ports=h:8000-8257\n"));
+  EXPECT_EQ("Failed to parse OBJS configuration file(@) at line 1: incorrect ports specified.\n",
+            Parse("objs_id=c,access_host_ports=h:80-x\n"));
+}
+
+TEST_F(ObjsConfTest, EndpointLimitDropsTheRestWithAWarning) {
+  ASSERT_EQ("OK 1", Parse("objs_id=c,namespaces=n,access_host_ports=a:1-200|b:1-200|c\n"));
+  EXPECT_EQ(CLA_MAX_HOST_PORTS, info_.config[0]->hosts_cnt);
+  EXPECT_STREQ("b:56", info_.config[0]->host_ports[255]);
+  EXPECT_EQ(std::vector<std::string>{"2:Too many host-port pairs specified in OBJS config.\n"},
+            g_log);
+}
+
+TEST_F(ObjsConfTest, SecondHostListIsIgnored) {
+  ASSERT_EQ("OK 1", Parse("objs_id=c,namespaces=n,access_host_ports=h1\naccess_host_ports=h2\n"));
+  EXPECT_EQ("h1", Hosts(0));
+  EXPECT_EQ(std::vector<std::string>{"2:hosts redefined, ignored.\n"}, g_log);
+}
+
+TEST_F(ObjsConfTest, ProviderAndAuthenticationNames) {
+  EXPECT_EQ(CLA_PROVIDER_FENWYK_S3, getProviderByName("FENWYKS3"));
+  EXPECT_EQ(0, getProviderByName(nullptr));
+  EXPECT_EQ(CLA_AUTH_DIGEST_IE, getAuthByName("Digest_IE"));
+  EXPECT_EQ(CLA_AUTH_UNKNOWN, getAuthByName("kerberos"));
+  EXPECT_EQ("Failed to parse OBJS configuration file(@) at line 1: Unknown Object Storage provider",
+            Parse("objs_id=c,provider=S3\n"));
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 1: Unknown Authentication method. "
+      "Only none|digest|awsv2 are supported.",
+      Parse("objs_id=c,authentication=plain\n"));
+}
+
+TEST_F(ObjsConfTest, VerificationMessagesInOrder) {
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 2: Verification failed: access "
+      "hosts are not configured.",
+      Parse("objs_id=a\nobjs_id=b\n"));
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 3: Verification failed: "
+      "namespaces are not configured.",
+      Parse("objs_id=a,access_host_ports=h\n\n# end\n"));
+  CLA_PARAM_T cfg;
+  init_obj_store_cfg(&cfg);
+  cfg.provider = CLA_PROVIDER_NONE;
+  const char *msg = nullptr;
+  EXPECT_EQ(1, verify_obj_store_cfg(&cfg, &msg));
+  EXPECT_STREQ("Verification failed: Object Storage Provider.", msg);
+}
+
+TEST_F(ObjsConfTest, OptionErrors) {
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 1: OBJS ID should be defined first.",
+      Parse("namespaces=a\n"));
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 2: Parameter 'max_seg_size' "
+      "(524288) out of range, min 1048576 max 281474976710656\n",
+      Parse(std::string(kMinimal) + "max_seg_size=512k\n"));
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 2: Parameter "
+      "'objs_transfertimeout' (3600) out of range, min 0 max 1800\n",
+      Parse(std::string(kMinimal) + "objs_transfertimeout=3600\n"));
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 1: Unrecognized option: ' "
+      "namespaces=n'\n",
+      Parse("objs_id=c, namespaces=n\n"));
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 1: Parameter 'server_auth' (3) "
+      "out of range, min 0 max 2\n",
+      Parse("objs_id=c,server_auth=3\n"));
+}
+
+TEST_F(ObjsConfTest, NamespaceLimit) {
+  std::string list = "n0";
+  for (int i = 1; i < 16; ++i) list += "|n" + std::to_string(i);
+  ASSERT_EQ("OK 1", Parse("objs_id=c,access_host_ports=h,namespaces=" + list + "\n"));
+  EXPECT_EQ(16, info_.config[0]->buckets_cnt);
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 2: Too many namespaces specified "
+      "in OBJS config",
+      Parse("objs_id=c,access_host_ports=h,namespaces=" + list + "\nnamespaces=x\n"));
+}
+
+TEST_F(ObjsConfTest, HttpsDefaultsAndCertificateChecks) {
+  ASSERT_EQ("OK 1", Parse(std::string(kMinimal) + "use_https=yes\n"));
+  EXPECT_EQ(CLA_VERIFY_PEERONLY, info_.config[0]->server_auth);
+  EXPECT_EQ(g_conf_dir + "/ssl", info_.config[0]->capath);
+  ASSERT_EQ("OK 1", Parse(std::string(kMinimal) + "server_auth=0,capath=/tmp,use_https\n"));
+  EXPECT_EQ(CLA_VERIFY_NONE, info_.config[0]->server_auth);
+  EXPECT_STREQ("/tmp", info_.config[0]->capath);
+  ASSERT_EQ("OK 1", Parse(std::string(kMinimal) + "use_https=no\n"));
+  EXPECT_EQ(nullptr, info_.config[0]->capath);
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 2: Certificate file /no/such "
+      "doesn't exist.",
+      Parse(std::string(kMinimal) + "cacertfile=/no/such\n"));
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 2: Path for certificates /no/dir "
+      "doesn't exist.",
+      Parse(std::string(kMinimal) + "capath=/no/dir\n"));
+}
+
+TEST_F(ObjsConfTest, A65thConfigurationIsRefused) {
+  std::string text;
+  for (int i = 0; i < CLA_MAX_CONFIGS; ++i)
+    text += "objs_id=c" + std::to_string(i) + ",access_host_ports=h,namespaces=n\n";
+  ASSERT_EQ("OK 64", Parse(text));
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 65: Too many OBJS configurations "
+      "specified, max 64 allowed.",
+      Parse(text + "objs_id=one_more\n"));
+}
+
+TEST_F(ObjsConfTest, HostPortStringAlone) {
+  CLA_PARAM_T *cfg = static_cast<CLA_PARAM_T *>(calloc(1, sizeof(CLA_PARAM_T)));
+  init_obj_store_cfg(cfg);
+  const char *msg = nullptr;
+  EXPECT_EQ(0, parse_host_port_str("a||b:1-2|", cfg, &msg));
+  EXPECT_EQ("a|b:1|b:2", Join(cfg->host_ports, cfg->hosts_cnt));
+  EXPECT_EQ(-1, parse_host_port_str("c:5-", cfg, &msg));
+  EXPECT_STREQ("incorrect ports specified.\n", msg);
+  was_config_param_destroy(cfg);
+  was_config_param_destroy(nullptr);
+}
+
+// Found by fuzzing: an empty identifier, a NUL byte inside a line (the rest
+// of that line is not read) and a range that fills the endpoint table.
+TEST_F(ObjsConfTest, EmptyIdentifierAndNulByteFromFuzzing) {
+  static const char kInput[] =
+      "objs_id=,access_host_ports=aAmazonS3:1-256|b,namespaces=n@accesshost_portmse\r\0es=sVH"
+      "\x89\xe5=z\n";
+  ASSERT_EQ("OK 1", Parse(std::string(kInput, sizeof kInput - 1)));
+  EXPECT_STREQ("", info_.config[0]->cloud_id);
+  EXPECT_EQ(CLA_MAX_HOST_PORTS, info_.config[0]->hosts_cnt);
+  EXPECT_EQ("n@accesshost_portmse\r", Spaces(0));
+  char msg[256];
+  EXPECT_EQ(0, verify_was_policy_params("", "n@accesshost_portmse\r", msg, sizeof msg));
+}
+
+class VerifyPolicyParamsTest : public ObjsConfTest {
+ protected:
+  std::string Verify(const char *id, const char *ns) {
+    char msg[4096] = "stale";
+    int rc = verify_was_policy_params(id, ns, msg, sizeof msg);
+    std::string out = rc == 0 ? "0" : std::string(msg);
+    EXPECT_EQ(rc == 0, out == "0");
+    size_t at = out.find(g_conf_path);
+    if (at != std::string::npos) out.replace(at, g_conf_path.size(), "@");
+    return out;
+  }
+};
+
+TEST_F(VerifyPolicyParamsTest, FindsTheIdIgnoringCaseAndTheNamespaceExactly) {
+  Write("objs_id=Cloud,access_host_ports=h,namespaces=Bucket|b2\n");
+  EXPECT_EQ("0", Verify("cLOUD", "Bucket"));
+  EXPECT_EQ("0", Verify("cloud", "b2"));
+  EXPECT_EQ("couldn't find namespace bucket for objs_id cloud in @", Verify("cloud", "bucket"));
+  EXPECT_EQ("couldn't find namespace 1M:a|b for objs_id cloud in @", Verify("cloud", "1M:a|b"));
+  EXPECT_EQ("couldn't find objs_id other in @", Verify("other", "Bucket"));
+  EXPECT_EQ(-1, verify_was_policy_params("other", "x", nullptr, 0));
+  char small[8];
+  EXPECT_EQ(-1, verify_was_policy_params("other", "x", small, sizeof small));
+  EXPECT_STREQ("couldn'", small);
+}
+
+TEST_F(VerifyPolicyParamsTest, MissingOrBrokenFileAndEditsBetweenCalls) {
+  EXPECT_EQ("couldn't find objs_id c1 in @", Verify("c1", "ns1"));
+  Write(kMinimal);  // the file is read afresh on every check
+  EXPECT_EQ("0", Verify("c1", "ns1"));
+  Write("objs_id=c1\n");
+  EXPECT_EQ(
+      "Failed to parse OBJS configuration file(@) at line 1: Verification failed: access "
+      "hosts are not configured.",
+      Verify("c1", "ns1"));
+}
+
+}  // namespace

@@ -1,0 +1,69 @@
+/* Option slots of the policy keyword table: the number parse_option returns
+ * for a keyword and the index of its entry in polcfg_origin. Synonyms
+ * (objs_* and was_*) share a slot. Slots not listed exist in the origin
+ * array all the same.
+ */
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum vdp_slot {
+  VDP_SLOT_NAME = 2,
+  VDP_SLOT_INHERIT = 3,
+  VDP_SLOT_KEY = 4,
+  VDP_SLOT_ROOT = 5,
+  VDP_SLOT_AFFINITY = 7,
+  VDP_SLOT_INGEST_OFF = 8,
+  VDP_SLOT_DEDUP = 10,
+  VDP_SLOT_DEDUP_FILTER = 11,
+  VDP_SLOT_MAX_SEG_SIZE = 12,
+  VDP_SLOT_MAX_SEG_AGE = 13,
+  VDP_SLOT_DEDUP_AGE = 14,
+  VDP_SLOT_DEDUP_MIN_SIZE = 15,
+  VDP_SLOT_DEDUP_SEG_SIZE = 16,
+  VDP_SLOT_DEDUP_MIN_ROUND = 17,
+  VDP_SLOT_DEDUP_MAX_ROUND = 18,
+  VDP_SLOT_DEDUP_SKIP = 19,
+  VDP_SLOT_DEDUP_PRI = 20,
+  VDP_SLOT_DEDUP_BFST = 21,
+  VDP_SLOT_FENCEPOST_GAP = 22,
+  VDP_SLOT_TRUNC = 30,
+  VDP_SLOT_TRUNC_AGE = 31,
+  VDP_SLOT_TRUNC_MIN_SIZE = 32,
+  VDP_SLOT_TRUNC_LOW_WATER = 33,
+  VDP_SLOT_TRUNC_HIGH_WATER = 34,
+  VDP_SLOT_TRUNC_STUB_SIZE = 35,
+  VDP_SLOT_TRUNC_SKIP = 36,
+  VDP_SLOT_TRUNC_PRI = 37,
+  VDP_SLOT_OBJS = 40,
+  VDP_SLOT_OBJS_ID = 41,
+  VDP_SLOT_OBJS_NAMESPACE = 42,
+  VDP_SLOT_OBJS_AGE = 43,
+  VDP_SLOT_OBJS_MIN_SIZE = 44,
+  VDP_SLOT_OBJS_SEG_SIZE = 45,
+  VDP_SLOT_OBJS_SKIP = 46,
+  VDP_SLOT_OBJS_PRI = 47,
+  VDP_SLOT_REP_INPUT = 50,
+  VDP_SLOT_REP_OUTPUT = 52,
+  VDP_SLOT_REP_SUBTREE = 53,
+  VDP_SLOT_REP_DEDUP = 54,
+  VDP_SLOT_REP_COMPRESS = 55,
+  VDP_SLOT_REP_ENCRYPT = 56,
+  VDP_SLOT_REP_REPORT = 57,
+  VDP_SLOT_REP_TARGET = 58,
+  VDP_SLOT_REP_INLINE_SIZE = 59,
+  VDP_SLOT_REP_COPIES = 60,
+  VDP_SLOT_REP_REALIZE = 61,
+  VDP_SLOT_REP_CALLOUT = 62,
+  VDP_SLOT_REP_NAME = 63,
+  VDP_SLOT_REP_RELATION = 64,
+  VDP_SLOT_REP_SKIP = 65,
+  VDP_SLOT_REP_OFF = 66,
+  VDP_SLOT_REP_PRI = 67
+};
+
+#ifdef __cplusplus
+}
+#endif
