@@ -11,6 +11,7 @@
 
 #include "kxdmapi/kxdmapi_debug.h"
 #include "kxdmapi/kxdmapi_raii.h"
+#include "libutil/mutex.h"
 
 static_assert(sizeof(Dmig) == 24, "Dmig is the driver's 24-byte frame");
 static_assert(offsetof(Dmig, dmig_buf) == 16, "dmig_buf sits at offset 16");
@@ -25,8 +26,6 @@ const char *kxdmapi_Prog = nullptr;
 }
 
 namespace {
-
-using kxdmapi::ScopedLock;
 
 constexpr int kDriverAttempts = 3;
 constexpr size_t kInitPayloadLen = 256;
@@ -53,7 +52,7 @@ int take_descriptor(bool *owned) {
   *owned = false;
   int fd = load_dmfd();
   if (fd >= 0) return fd;
-  ScopedLock lock(&kxdmapi_dmfd_lock);
+  kx::MutexLock lock(&kxdmapi_dmfd_lock);
   fd = load_dmfd();
   if (fd >= 0) return fd;
   fd = open_control_device();
@@ -73,7 +72,7 @@ int take_descriptor(bool *owned) {
 // one. Only the thread that clears it closes it, so a number that another
 // thread has meanwhile reopened is never closed by mistake.
 void drop_stale(int fd) {
-  ScopedLock lock(&kxdmapi_dmfd_lock);
+  kx::MutexLock lock(&kxdmapi_dmfd_lock);
   if (load_dmfd() != fd) return;
   store_dmfd(-1);
   kxdmapi::UniqueFd stale(fd);
@@ -119,7 +118,7 @@ extern "C" int kxdmapi_call_driver(int func, void *pdata, size_t len) {
 // Opens the channel once per process. A failed first call is not retried:
 // later calls report success without a channel, as applications expect.
 static int open_channel_once(bool *first) {
-  ScopedLock lock(&kxdmapi_dmfd_lock);
+  kx::MutexLock lock(&kxdmapi_dmfd_lock);
   *first = already_called == 0;
   if (!*first) return 0;
   already_called = 1;
@@ -135,7 +134,7 @@ static int open_channel_once(bool *first) {
 }
 
 static void close_channel() {
-  ScopedLock lock(&kxdmapi_dmfd_lock);
+  kx::MutexLock lock(&kxdmapi_dmfd_lock);
   kxdmapi::UniqueFd channel(load_dmfd());
   store_dmfd(-1);
 }
@@ -161,7 +160,7 @@ extern "C" int dm_init_service(char **versionstrpp) {
 }
 
 extern "C" void dm_release_dmfd(void) {
-  ScopedLock lock(&kxdmapi_dmfd_lock);
+  kx::MutexLock lock(&kxdmapi_dmfd_lock);
   __atomic_store_n(&kxdmapi_dmfd_keep, 0, __ATOMIC_RELAXED);
   kxdmapi::UniqueFd kept(load_dmfd());
   store_dmfd(-1);

@@ -7,13 +7,12 @@
 #include "kxdmapi/kxdmapi_debug.h"
 #include "kxdmapi/kxdmapi_private.h"
 #include "kxdmapi/kxdmapi_raii.h"
+#include "libutil/mutex.h"
 #include "libutil/snprintf.h"
-
-using kxdmapi::ScopedLock;
 
 extern "C" int dm_fshandle_to_filesystem(const void *hanp, size_t hlen, char *fsname,
                                          char *mntpnt) {
-  ScopedLock lock(&dm_mount_cache_lock);
+  kx::MutexLock lock(&dm_mount_cache_lock);
   const mnt_cache_t *rec = dm_fshandle_to_mnt_cache_entry(hanp, hlen);
   if (rec == nullptr) {
     errno = ENOENT;
@@ -35,7 +34,7 @@ extern "C" int dm_fshandle_to_mountpoint(const void *hanp, size_t hlen, char *mn
 extern "C" int dm_fs_rename_tracking_enabled(const void *hanp, size_t hlen) {
   int result = -1;
   {
-    ScopedLock lock(&dm_mount_cache_lock);
+    kx::MutexLock lock(&dm_mount_cache_lock);
     const mnt_cache_t *rec = dm_fshandle_to_mnt_cache_entry(hanp, hlen);
     if (rec == nullptr) {
       KXDMAPI_TRACE("dm_fs_rename_tracking_enabled: No FS entry for handle");
@@ -65,7 +64,7 @@ extern "C" dm_mnt_cache_t *dm_report_mnt_cache(int *countp) {
     return nullptr;
   }
   *countp = 0;
-  ScopedLock lock(&dm_mount_cache_lock);
+  kx::MutexLock lock(&dm_mount_cache_lock);
   if (dm_build_mnt_cache() < 0) {
     KXDMAPI_TRACE("dm_fshandle_to_mountpoint: failed cache build error\n");
     return nullptr;

@@ -13,6 +13,7 @@
 #include "kxdmapi/kxdmapi_handles.h"
 #include "kxdmapi/kxdmapi_init.h"
 #include "kxdmapi/kxdmapi_raii.h"
+#include "libutil/mutex.h"
 #include "kxdmapi/kxdmapi_wire.h"
 #include "libutil/dopanic.h"
 
@@ -240,7 +241,7 @@ extern "C" mnt_cache_t *dm_fshandle_to_mnt_cache_entry(const void *hanp, size_t 
 }
 
 extern "C" int dm_check_mnt_cache_stale(void) {
-  kxdmapi::ScopedLock lock(&dm_mount_cache_lock);
+  kx::MutexLock lock(&dm_mount_cache_lock);
   dm_mnt_change_time_t now{};
   if (get_last_mount_change_time(&now) != 0) return -1;
   return now.mct_sec != saved_change_time.mct_sec || now.mct_usec != saved_change_time.mct_usec ? 1

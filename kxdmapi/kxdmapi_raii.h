@@ -1,26 +1,14 @@
 // Small owners used inside the library (C++ only, not installed).
 //
-// ScopedLock holds a pthread mutex for one scope; UniqueFd owns one
-// descriptor and closes it, keeping errno, unless released. Both are
-// move-free on purpose: an owner never changes hands inside the library.
+// UniqueFd owns one descriptor and closes it, keeping errno, unless released.
+// It is move-free on purpose: an owner never changes hands inside the
+// library. Mutexes are held with kx::MutexLock from libutil/mutex.h.
 #pragma once
 
 #include <errno.h>
-#include <pthread.h>
 #include <unistd.h>
 
 namespace kxdmapi {
-
-class ScopedLock {
- public:
-  explicit ScopedLock(pthread_mutex_t *mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
-  ~ScopedLock() { pthread_mutex_unlock(mutex_); }
-  ScopedLock(const ScopedLock &) = delete;
-  ScopedLock &operator=(const ScopedLock &) = delete;
-
- private:
-  pthread_mutex_t *mutex_;
-};
 
 class UniqueFd {
  public:
