@@ -43,34 +43,54 @@ int bad_name(const std::string &name, std::size_t max) {
   return fail("'" + name + "': names are 1 to " + std::to_string(max) +
               " printable characters without blanks");
 }
-}  // namespace
+// What set / get / rm of one kind of named value (an attribute or an
+// external representation) differ in; the command line shape is shared.
+struct NamedValueKind {
+  const char *command;     // "attr" or "rep"
+  const char *missing;     // "attribute" or "external representation"
+  const char *too_large;   // message for an oversized value
+  std::size_t max_name;
+  std::size_t max_value;
+};
 
-int cmd_attr(Args args) {
+template <typename Map, typename Wrap, typename Value>
+int named_value_cmd(Args args, const NamedValueKind &k, Map ObjectState::*field, Wrap wrap,
+                    Value value_of) {
   if (args.size() < 3 || (args[0] == "set") != (args.size() == 4) ||
       (args[0] != "set" && args.size() != 3)) {
-    return fail("usage: kxsim attr set PATH NAME HEX | get PATH NAME | rm PATH NAME");
+    return fail(std::string("usage: kxsim ") + k.command + " set PATH NAME HEX | get PATH NAME | rm PATH NAME");
   }
   const std::string &name = args[2];
-  if (!valid_state_name(name, kMaxAttrName)) return bad_name(name, kMaxAttrName);
+  if (!valid_state_name(name, k.max_name)) return bad_name(name, k.max_name);
   Loaded l;
   std::string error;
   if (!load(args[1], l, error)) return fail(error);
+  Map &map = l.st.*field;
   if (args[0] == "set") {
     auto v = value_arg(args[3]);
     if (!v) return fail("'" + args[3] + "' is not hexadecimal");
-    if (v->size() > kMaxAttrValue) return fail("attribute values hold at most 128 bytes");
-    l.st.attrs[name] = *v;
+    if (v->size() > k.max_value) return fail(k.too_large);
+    map[name] = wrap(*v);
     return save(l);
   }
-  auto it = l.st.attrs.find(name);
-  if (it == l.st.attrs.end()) return fail(args[1] + ": no attribute " + name);
+  auto it = map.find(name);
+  if (it == map.end()) return fail(args[1] + ": no " + k.missing + " " + name);
   if (args[0] == "get") {
-    std::printf("%s\n", to_hex(it->second).c_str());
+    std::printf("%s\n", to_hex(value_of(it->second)).c_str());
     return 0;
   }
-  if (args[0] != "rm") return fail("unknown attr subcommand '" + args[0] + "'");
-  l.st.attrs.erase(it);
+  if (args[0] != "rm") return fail(std::string("unknown ") + k.command + " subcommand '" + args[0] + "'");
+  map.erase(it);
   return save(l);
+}
+}  // namespace
+
+int cmd_attr(Args args) {
+  static const NamedValueKind kind{"attr", "attribute", "attribute values hold at most 128 bytes",
+                                   kMaxAttrName, kMaxAttrValue};
+  return named_value_cmd(
+      args, kind, &ObjectState::attrs, [](const Bytes &v) { return v; },
+      [](const Bytes &v) -> const Bytes & { return v; });
 }
 
 int cmd_events(Args args) {
@@ -92,31 +112,12 @@ int cmd_events(Args args) {
 }
 
 int cmd_rep(Args args) {
-  if (args.size() < 3 || (args[0] == "set") != (args.size() == 4) ||
-      (args[0] != "set" && args.size() != 3)) {
-    return fail("usage: kxsim rep set PATH NAME HEX | get PATH NAME | rm PATH NAME");
-  }
-  const std::string &name = args[2];
-  if (!valid_state_name(name, kMaxRepName)) return bad_name(name, kMaxRepName);
-  Loaded l;
-  std::string error;
-  if (!load(args[1], l, error)) return fail(error);
-  if (args[0] == "set") {
-    auto v = value_arg(args[3]);
-    if (!v) return fail("'" + args[3] + "' is not hexadecimal");
-    if (v->size() > kMaxRepValue) return fail("representation values hold at most 65536 bytes");
-    l.st.reps[name] = ExtRep{0, 0, 0, *v};
-    return save(l);
-  }
-  auto it = l.st.reps.find(name);
-  if (it == l.st.reps.end()) return fail(args[1] + ": no external representation " + name);
-  if (args[0] == "get") {
-    std::printf("%s\n", to_hex(it->second.value).c_str());
-    return 0;
-  }
-  if (args[0] != "rm") return fail("unknown rep subcommand '" + args[0] + "'");
-  l.st.reps.erase(it);
-  return save(l);
+  static const NamedValueKind kind{"rep", "external representation",
+                                   "representation values hold at most 65536 bytes", kMaxRepName,
+                                   kMaxRepValue};
+  return named_value_cmd(
+      args, kind, &ObjectState::reps, [](const Bytes &v) { return ExtRep{0, 0, 0, v}; },
+      [](const ExtRep &r) -> const Bytes & { return r.value; });
 }
 
 int cmd_show(Args args) {
