@@ -98,18 +98,36 @@ uint32_t clamp_u32(size_t n) {
   return n > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(n);
 }
 
+// The handle and descriptor forms of the list changes send the same payloads.
+UpdateEventlist update_payload(dm_sessid_t sid, dm_token_t token, const dm_eventset_t &to_set,
+                               const dm_eventset_t &to_clear, unsigned int maxevent) {
+  UpdateEventlist payload{};
+  payload.sid = sid;
+  payload.token = token;
+  payload.maxevent = maxevent;
+  payload.events_to_set = to_set;
+  payload.events_to_clear = to_clear;
+  return payload;
+}
+
+SetEventlist set_payload(dm_sessid_t sid, dm_token_t token, const dm_eventset_t &eventset,
+                         unsigned int maxevent) {
+  SetEventlist payload{};
+  payload.sid = sid;
+  payload.token = token;
+  payload.maxevent = maxevent;
+  payload.eventset = eventset;
+  return payload;
+}
+
 }  // namespace
 
 int dm_update_eventlist(dm_sessid_t sid, const void *hanp, size_t hlen, dm_token_t token,
                         const dm_eventset_t *events_to_setp, const dm_eventset_t *events_to_clearp,
                         unsigned int maxevent) {
   if (events_to_setp == nullptr || events_to_clearp == nullptr) return fail(EINVAL);
-  UpdateEventlist payload{};
-  payload.sid = sid;
-  payload.token = token;
-  payload.maxevent = maxevent;
-  payload.events_to_set = *events_to_setp;
-  payload.events_to_clear = *events_to_clearp;
+  UpdateEventlist payload =
+      update_payload(sid, token, *events_to_setp, *events_to_clearp, maxevent);
   return eventlist_change("dm_update_eventlist", hanp, hlen, maxevent, kIocUpdateEventlist,
                           DMIG_UPDATE_EVENTLIST, payload);
 }
@@ -118,23 +136,15 @@ int dm_update_eventlist_fd(int fd, dm_sessid_t sid, dm_token_t token,
                            const dm_eventset_t *events_to_setp,
                            const dm_eventset_t *events_to_clearp, unsigned int maxevent) {
   if (events_to_setp == nullptr || events_to_clearp == nullptr) return fail(EINVAL);
-  UpdateEventlist payload{};
-  payload.sid = sid;
-  payload.token = token;
-  payload.maxevent = maxevent;
-  payload.events_to_set = *events_to_setp;
-  payload.events_to_clear = *events_to_clearp;
+  UpdateEventlist payload =
+      update_payload(sid, token, *events_to_setp, *events_to_clearp, maxevent);
   return ioctl(fd, kIocUpdateEventlist, &payload) == -1 ? -1 : 0;
 }
 
 int dm_set_eventlist(dm_sessid_t sid, const void *hanp, size_t hlen, dm_token_t token,
                      const dm_eventset_t *eventsetp, unsigned int maxevent) {
   if (eventsetp == nullptr) return fail(EINVAL);
-  SetEventlist payload{};
-  payload.sid = sid;
-  payload.token = token;
-  payload.maxevent = maxevent;
-  payload.eventset = *eventsetp;
+  SetEventlist payload = set_payload(sid, token, *eventsetp, maxevent);
   return eventlist_change("dm_set_eventlist", hanp, hlen, maxevent, kIocSetEventlist,
                           DMIG_SET_EVENTLIST, payload);
 }
@@ -142,11 +152,7 @@ int dm_set_eventlist(dm_sessid_t sid, const void *hanp, size_t hlen, dm_token_t 
 int dm_set_eventlist_fd(int fd, dm_sessid_t sid, dm_token_t token, const dm_eventset_t *eventsetp,
                         unsigned int maxevent) {
   if (eventsetp == nullptr) return fail(EINVAL);
-  SetEventlist payload{};
-  payload.sid = sid;
-  payload.token = token;
-  payload.maxevent = maxevent;
-  payload.eventset = *eventsetp;
+  SetEventlist payload = set_payload(sid, token, *eventsetp, maxevent);
   return ioctl(fd, kIocSetEventlist, &payload) == -1 ? -1 : 0;
 }
 
