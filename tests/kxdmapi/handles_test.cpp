@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/test_support.h"
+
 #include <cstring>
 #include <string>
 #include <vector>
@@ -167,9 +169,7 @@ TEST_F(HandlesTest, FdToHandleOutsideKxfsKeepsTheIoctlErrno) {
   ASSERT_GE(fd, 0);
   void *hanp = reinterpret_cast<void *>(0x10);
   size_t hlen = 0;
-  errno = 0;
-  EXPECT_EQ(-1, dm_fd_to_handle(fd, &hanp, &hlen));
-  EXPECT_EQ(ENOTTY, errno);
+  EXPECT_EQ("-1 ENOTTY", vdtest::Outcome([&] { return dm_fd_to_handle(fd, &hanp, &hlen); }));
   EXPECT_EQ(nullptr, hanp);
   close(fd);
 }

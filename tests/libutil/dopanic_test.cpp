@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "libutil/child_process.h"
+#include "support/test_support.h"
 #include "libutil/priv_check.h"
 
 static const char kx_source_path[] = "tests/libutil/dopanic_test";
@@ -18,8 +18,8 @@ static const char kx_source_path[] = "tests/libutil/dopanic_test";
 
 namespace {
 
-using libutil_test::ChildResult;
-using libutil_test::RunInChild;
+using vdtest::ChildResult;
+using vdtest::RunInChild;
 
 std::vector<std::pair<int, std::string>> g_logged;
 void RecordLog(int level, const char *text) {
@@ -102,29 +102,28 @@ TEST_F(DoPanicTest, OverlongPanicLineIsCut) {
   EXPECT_EQ("e\n", r.err.substr(2046));
 }
 
-TEST_F(DoPanicTest, CheckedBuildEnvZeroDisables) {
-  EXPECT_EQ("00 1:Checked Build disabled - 'VDFS_CHECKED_BUILD' env var.\n|",
-            RunChecked("0", nullptr).out);
-  EXPECT_EQ("00 1:Checked Build disabled - 'VDFS_CHECKED_BUILD' env var.\n|",
-            RunChecked("0ff", nullptr).out);
-}
-
-TEST_F(DoPanicTest, CheckedBuildAnyOtherEnvValueEnablesEvenOnAppliance) {
-  const std::string enabled = "11 0:Checked Build enabled - 'VDFS_CHECKED_BUILD' env var.\n|";
-  EXPECT_EQ(enabled, RunChecked("1", nullptr).out);
-  EXPECT_EQ(enabled, RunChecked("", nullptr).out);
-  EXPECT_EQ(enabled, RunChecked("no", "merrow").out);
-}
-
-TEST_F(DoPanicTest, ApplianceDisablesCheckedBuild) {
-  EXPECT_EQ("00 1:Checked Build disabled - Merrow.\n|", RunChecked(nullptr, "tarnhol").out);
-  EXPECT_EQ("00 1:Checked Build disabled - Merrow.\n|", RunChecked(nullptr, "merrow").out);
-}
-
-TEST_F(DoPanicTest, DefaultIsNotCheckedAndApplianceNeedsExactName) {
-  if (TouchFileExists()) GTEST_SKIP() << "checked-build touch file present on this host";
-  EXPECT_EQ("00 1:Checked Build disabled - default.\n|", RunChecked(nullptr, "tarnholX").out);
-  EXPECT_EQ("00 1:Checked Build disabled - default.\n|", RunChecked(nullptr, nullptr).out);
+TEST_F(DoPanicTest, CheckedBuildDecisionAndItsReason) {
+  const std::string env_off = "00 1:Checked Build disabled - 'VDFS_CHECKED_BUILD' env var.\n|";
+  const std::string env_on = "11 0:Checked Build enabled - 'VDFS_CHECKED_BUILD' env var.\n|";
+  const std::string appliance = "00 1:Checked Build disabled - Merrow.\n|";
+  const std::string fallback = "00 1:Checked Build disabled - default.\n|";
+  struct Case {
+    const char *checked, *appliance;
+    const std::string &expected;
+  };
+  const Case cases[] = {
+      {"0", nullptr, env_off},      {"0ff", nullptr, env_off},
+      {"1", nullptr, env_on},       {"", nullptr, env_on},
+      {"no", "merrow", env_on},  // any other value enables, even on an appliance
+      {nullptr, "tarnhol", appliance}, {nullptr, "merrow", appliance},
+      {nullptr, "tarnholX", fallback},  // the appliance name must match exactly
+      {nullptr, nullptr, fallback},
+  };
+  for (const Case &c : cases) {
+    if (&c.expected == &fallback && TouchFileExists()) continue;  // the host says otherwise
+    EXPECT_EQ(c.expected, RunChecked(c.checked, c.appliance).out)
+        << (c.checked ? c.checked : "-") << " " << (c.appliance ? c.appliance : "-");
+  }
 }
 
 TEST_F(DoPanicTest, OrbulanApplianceMatchesExactly) {
@@ -172,21 +171,16 @@ TEST_F(DoPanicTest, UncheckedBuildErrorGoesToWriteLogAtErrorLevel) {
   EXPECT_EQ("2 3 1024 ERROR (f:1) mm nl", r.out);
 }
 
-TEST_F(DoPanicTest, WriteLogLineWithoutHookGetsNewline) {
-  auto r = Run([] {
+TEST_F(DoPanicTest, WriteLogLinesGetANewlineWithOrWithoutHook) {
+  const auto write_three = [] {
     PanicCheckedWriteLog("one");
     PanicCheckedWriteLog("two\n");
     PanicCheckedWriteLog("");
-  });
-  EXPECT_EQ("one\ntwo\n\n", r.err);
-}
-
-TEST_F(DoPanicTest, WriteLogLineWithHookGetsNewline) {
-  auto r = Run([] {
+  };
+  EXPECT_EQ("one\ntwo\n\n", Run(write_three).err);
+  auto r = Run([&] {
     WriteLog = RecordLog;
-    PanicCheckedWriteLog("one");
-    PanicCheckedWriteLog("two\n");
-    PanicCheckedWriteLog("");
+    write_three();
     for (const auto &[level, text] : g_logged) std::printf("%d:%s|", level, text.c_str());
   });
   EXPECT_EQ("3:one\n|3:two\n|3:\n|", r.out);

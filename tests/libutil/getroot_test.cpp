@@ -8,12 +8,12 @@
 #include <thread>
 #include <vector>
 
-#include "libutil/child_process.h"
+#include "support/test_support.h"
 
 namespace {
 
-using libutil_test::ChildResult;
-using libutil_test::RunInChild;
+using vdtest::ChildResult;
+using vdtest::RunInChild;
 
 struct EnvVar {
   const char *name;

@@ -6,12 +6,12 @@
 #include <cstdarg>
 #include <string>
 
-#include "libutil/child_process.h"
+#include "support/test_support.h"
 #include "libutil/dopanic.h"
 
 namespace {
 
-using libutil_test::RunInChild;
+using vdtest::RunInChild;
 
 std::string g_line;
 int g_level = -1;

@@ -5,11 +5,11 @@
 
 #include <cstdio>
 
-#include "libutil/child_process.h"
+#include "support/test_support.h"
 
 namespace {
 
-using libutil_test::RunInChild;
+using vdtest::RunInChild;
 
 class PrivCheckTest : public ::testing::Test {
  protected:

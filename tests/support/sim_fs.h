@@ -21,6 +21,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/test_support.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -105,16 +107,6 @@ inline std::vector<std::string> SplitLines(const std::string &text) {
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
-}
-
-inline void RemoveTree(const std::string &path) {
-  nftw(
-      path.c_str(),
-      [](const char *p, const struct stat *, int, struct FTW *) {
-        remove(p);  // best effort: keep removing the rest
-        return 0;
-      },
-      16, FTW_DEPTH | FTW_PHYS);
 }
 
 class SimFs {
