@@ -13,10 +13,12 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "libutil/getroot.h"
 #include "libutil/kxlog.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -28,11 +30,10 @@ std::string g_conf_path;
 class ConfDir : public ::testing::Environment {
  public:
   void SetUp() override {
-    char tmpl[] = "/tmp/vd_was_lib_test.XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(tmpl));
-    g_conf_dir = tmpl;
+    g_conf_dir = vdtest::MakeTempDir("vd_was_lib_test");
+    ASSERT_FALSE(g_conf_dir.empty());
     g_conf_path = g_conf_dir + "/objs.conf";
-    setenv("KXFSCONF", tmpl, 1);
+    setenv("KXFSCONF", g_conf_dir.c_str(), 1);
   }
   void TearDown() override { std::filesystem::remove_all(g_conf_dir); }
 };
@@ -183,12 +184,6 @@ TEST_F(ObjsConfTest, PortRanges) {
   ASSERT_EQ("OK 1", Parse("objs_id=c,namespaces=n,access_host_ports=h:8000-8256\n"));
   EXPECT_EQ(CLA_MAX_HOST_PORTS, info_.config[0]->hosts_cnt);  // 257 ports, 256 kept
   EXPECT_STREQ("h:8255", info_.config[0]->host_ports[255]);
-  EXPECT_EQ("Failed to parse OBJS configuration file(@) at line 2: incorrect ports specified.\n",
-            Parse("objs_id=c,namespaces=n\naccess_host_ports=h1:9000-8000\n"));
-  EXPECT_EQ("Failed to parse OBJS configuration file(@) at line 1: incorrect ports specified.\n",
-            Parse("objs_id=c,namespaces=n,access_host_ports=h:8000-8257\n"));
-  EXPECT_EQ("Failed to parse OBJS configuration file(@) at line 1: incorrect ports specified.\n",
-            Parse("objs_id=c,access_host_ports=h:80-x\n"));
 }
 
 TEST_F(ObjsConfTest, EndpointLimitDropsTheRestWithAWarning) {
@@ -210,51 +205,47 @@ TEST_F(ObjsConfTest, ProviderAndAuthenticationNames) {
   EXPECT_EQ(0, getProviderByName(nullptr));
   EXPECT_EQ(CLA_AUTH_DIGEST_IE, getAuthByName("Digest_IE"));
   EXPECT_EQ(CLA_AUTH_UNKNOWN, getAuthByName("kerberos"));
-  EXPECT_EQ("Failed to parse OBJS configuration file(@) at line 1: Unknown Object Storage provider",
-            Parse("objs_id=c,provider=S3\n"));
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 1: Unknown Authentication method. "
-      "Only none|digest|awsv2 are supported.",
-      Parse("objs_id=c,authentication=plain\n"));
 }
 
-TEST_F(ObjsConfTest, VerificationMessagesInOrder) {
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 2: Verification failed: access "
-      "hosts are not configured.",
-      Parse("objs_id=a\nobjs_id=b\n"));
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 3: Verification failed: "
-      "namespaces are not configured.",
-      Parse("objs_id=a,access_host_ports=h\n\n# end\n"));
+// Each row is a file and the message it fails with, after the common
+// "Failed to parse OBJS configuration file(@) at line ".
+TEST_F(ObjsConfTest, ErrorsNameTheLineAndTheCause) {
+  const std::string m = kMinimal;
+  const std::pair<std::string, std::string> cases[] = {
+      {"objs_id=c,namespaces=n\naccess_host_ports=h1:9000-8000\n",
+       "2: incorrect ports specified.\n"},
+      {"objs_id=c,namespaces=n,access_host_ports=h:8000-8257\n",
+       "1: incorrect ports specified.\n"},
+      {"objs_id=c,access_host_ports=h:80-x\n", "1: incorrect ports specified.\n"},
+      {"objs_id=c,provider=S3\n", "1: Unknown Object Storage provider"},
+      {"objs_id=c,authentication=plain\n",
+       "1: Unknown Authentication method. Only none|digest|awsv2 are supported."},
+      // A configuration is verified when the next one starts or the file ends.
+      {"objs_id=a\nobjs_id=b\n", "2: Verification failed: access hosts are not configured."},
+      {"objs_id=a,access_host_ports=h\n\n# end\n",
+       "3: Verification failed: namespaces are not configured."},
+      {"namespaces=a\n", "1: OBJS ID should be defined first."},
+      {m + "max_seg_size=512k\n",
+       "2: Parameter 'max_seg_size' (524288) out of range, min 1048576 max 281474976710656\n"},
+      {m + "objs_transfertimeout=3600\n",
+       "2: Parameter 'objs_transfertimeout' (3600) out of range, min 0 max 1800\n"},
+      {"objs_id=c, namespaces=n\n", "1: Unrecognized option: ' namespaces=n'\n"},
+      {"objs_id=c,server_auth=3\n", "1: Parameter 'server_auth' (3) out of range, min 0 max 2\n"},
+      {m + "cacertfile=/no/such\n", "2: Certificate file /no/such doesn't exist."},
+      {m + "capath=/no/dir\n", "2: Path for certificates /no/dir doesn't exist."},
+  };
+  for (const auto &[text, message] : cases) {
+    EXPECT_EQ("Failed to parse OBJS configuration file(@) at line " + message, Parse(text)) << text;
+  }
+}
+
+TEST_F(ObjsConfTest, ProviderIsVerified) {
   CLA_PARAM_T cfg;
   init_obj_store_cfg(&cfg);
   cfg.provider = CLA_PROVIDER_NONE;
   const char *msg = nullptr;
   EXPECT_EQ(1, verify_obj_store_cfg(&cfg, &msg));
   EXPECT_STREQ("Verification failed: Object Storage Provider.", msg);
-}
-
-TEST_F(ObjsConfTest, OptionErrors) {
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 1: OBJS ID should be defined first.",
-      Parse("namespaces=a\n"));
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 2: Parameter 'max_seg_size' "
-      "(524288) out of range, min 1048576 max 281474976710656\n",
-      Parse(std::string(kMinimal) + "max_seg_size=512k\n"));
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 2: Parameter "
-      "'objs_transfertimeout' (3600) out of range, min 0 max 1800\n",
-      Parse(std::string(kMinimal) + "objs_transfertimeout=3600\n"));
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 1: Unrecognized option: ' "
-      "namespaces=n'\n",
-      Parse("objs_id=c, namespaces=n\n"));
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 1: Parameter 'server_auth' (3) "
-      "out of range, min 0 max 2\n",
-      Parse("objs_id=c,server_auth=3\n"));
 }
 
 TEST_F(ObjsConfTest, NamespaceLimit) {
@@ -277,14 +268,6 @@ TEST_F(ObjsConfTest, HttpsDefaultsAndCertificateChecks) {
   EXPECT_STREQ("/tmp", info_.config[0]->capath);
   ASSERT_EQ("OK 1", Parse(std::string(kMinimal) + "use_https=no\n"));
   EXPECT_EQ(nullptr, info_.config[0]->capath);
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 2: Certificate file /no/such "
-      "doesn't exist.",
-      Parse(std::string(kMinimal) + "cacertfile=/no/such\n"));
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 2: Path for certificates /no/dir "
-      "doesn't exist.",
-      Parse(std::string(kMinimal) + "capath=/no/dir\n"));
 }
 
 TEST_F(ObjsConfTest, A65thConfigurationIsRefused) {
