@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "kxdmapi/kxdmapi.h"
+#include "support/owned_handle.h"
 #include "support/sim_fs.h"
 
 namespace {
@@ -81,12 +82,11 @@ class AttributesSimTest : public vdtest::SimFsTest {
     path_ = fs.Path("f");
     fd_ = open(path_.c_str(), O_RDONLY);
     ASSERT_GE(fd_, 0);
-    void *hanp = nullptr;
-    ASSERT_EQ(0, dm_path_to_handle(path_.c_str(), &hanp, &hlen_)) << strerror(errno);
-    handle_.reset(hanp);
+    ASSERT_EQ("", file_.Resolve(path_));
+    hlen_ = file_.hlen;
   }
   void TearDown() override { close(fd_); }
-  const void *h() const { return handle_.get(); }
+  const void *h() const { return file_.hanp; }
   void SetWithCli(const std::vector<unsigned char> &value) {
     static constexpr char kDigits[] = "0123456789abcdef";
     std::string hex;
@@ -100,12 +100,9 @@ class AttributesSimTest : public vdtest::SimFsTest {
     return dm_get_dmattr(0, h(), hlen_, -1, &name, out.size(), out.data(), &rlen);
   }
 
-  struct Free {
-    void operator()(void *p) const { dm_handle_free(p, 0); }
-  };
   std::string path_;
   int fd_ = -1;
-  std::unique_ptr<void, Free> handle_;
+  vdtest::OwnedHandle file_;
   size_t hlen_ = 0;
 };
 

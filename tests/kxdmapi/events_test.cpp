@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "kxdmapi/kxdmapi.h"
+#include "support/owned_handle.h"
 #include "support/sim_fs.h"
 
 namespace {
@@ -67,11 +68,8 @@ class EventsSimTest : public vdtest::SimFsTest {
     SimFsTest::SetUp();
     ASSERT_TRUE(fs.MakeFile("f", 10));
     path_ = fs.Path("f");
-    void *hanp = nullptr;
-    ASSERT_EQ(0, dm_path_to_handle(path_.c_str(), &hanp, &hlen_)) << strerror(errno);
-    handle_.reset(hanp);
-    ASSERT_EQ(0, dm_path_to_fshandle(path_.c_str(), &hanp, &fshlen_)) << strerror(errno);
-    fshandle_.reset(hanp);
+    ASSERT_EQ("", file_.Resolve(path_));
+    ASSERT_EQ(0, dm_path_to_fshandle(path_.c_str(), &fs_.hanp, &fs_.hlen)) << strerror(errno);
   }
   void SetEvents(const std::string &mask) {
     ASSERT_EQ(0, fs.Kxsim({"events", "set", path_, mask}).exit_code);
@@ -81,12 +79,8 @@ class EventsSimTest : public vdtest::SimFsTest {
     return dm_update_eventlist(0, hanp, hlen, -1, &kNone, &kManaged, 40);
   }
 
-  struct Free {
-    void operator()(void *p) const { dm_handle_free(p, 0); }
-  };
   std::string path_;
-  std::unique_ptr<void, Free> handle_, fshandle_;
-  size_t hlen_ = 0, fshlen_ = 0;
+  vdtest::OwnedHandle file_, fs_;
 };
 
 TEST_F(EventsSimTest, ClearingTheManagedBitsByDescriptorKeepsTheOthers) {
@@ -108,14 +102,14 @@ TEST_F(EventsSimTest, ClearingTheManagedBitsByDescriptorKeepsTheOthers) {
 TEST_F(EventsSimTest, FileHandleGoesByIoctlOnADescriptorOpenedByHandle) {
   SetEvents("0x70000120");
   fs.StartLog();
-  ASSERT_EQ(0, Update(handle_.get(), hlen_));
+  ASSERT_EQ(0, Update(file_.hanp, file_.hlen));
   EXPECT_EQ("0x120", Events());
   EXPECT_EQ(1u, fs.LogLinesWith({"ioctl 0x426 "}).size());
   EXPECT_TRUE(fs.LogLinesWith({"dmig 0x28 "}).empty());
   dm_eventset_t newset = 0x1120, set = 0;
   unsigned int nelem = 0;
-  ASSERT_EQ(0, dm_set_eventlist(0, handle_.get(), hlen_, -1, &newset, 40));
-  ASSERT_EQ(0, dm_get_eventlist(0, handle_.get(), hlen_, -1, 40, &set, &nelem));
+  ASSERT_EQ(0, dm_set_eventlist(0, file_.hanp, file_.hlen, -1, &newset, 40));
+  ASSERT_EQ(0, dm_get_eventlist(0, file_.hanp, file_.hlen, -1, 40, &set, &nelem));
   EXPECT_EQ(0x1120u, set);
 }
 
@@ -123,9 +117,9 @@ TEST_F(EventsSimTest, FileSystemHandleGoesThroughTheDriver) {
   dm_eventset_t fsset = (1u << DM_EVENT_MOUNT) | (1u << DM_EVENT_BLOCKLET), set = 0;
   unsigned int nelem = 0;
   fs.StartLog();
-  ASSERT_EQ(0, dm_set_eventlist(0, fshandle_.get(), fshlen_, -1, &fsset, 40)) << strerror(errno);
-  ASSERT_EQ(0, Update(fshandle_.get(), fshlen_));
-  ASSERT_EQ(0, dm_get_eventlist(0, fshandle_.get(), fshlen_, -1, 40, &set, &nelem));
+  ASSERT_EQ(0, dm_set_eventlist(0, fs_.hanp, fs_.hlen, -1, &fsset, 40)) << strerror(errno);
+  ASSERT_EQ(0, Update(fs_.hanp, fs_.hlen));
+  ASSERT_EQ(0, dm_get_eventlist(0, fs_.hanp, fs_.hlen, -1, 40, &set, &nelem));
   EXPECT_EQ(1u << DM_EVENT_MOUNT, set);
   for (const char *code : {"dmig 0xa ", "dmig 0x28 ", "dmig 0x9 "}) {
     EXPECT_EQ(1u, fs.LogLinesWith({code, "result=0"}).size()) << code;
@@ -137,16 +131,16 @@ TEST_F(EventsSimTest, FileSystemHandleGoesThroughTheDriver) {
 TEST_F(EventsSimTest, FailuresKeepTheirErrno) {
   SetEvents("0x70000000");
   fs.SetFaults("kind=ioctl,code=1062,errno=EIO");
-  EXPECT_EQ("-1 EIO", vdtest::Outcome([&] { return Update(handle_.get(), hlen_); }));
+  EXPECT_EQ("-1 EIO", vdtest::Outcome([&] { return Update(file_.hanp, file_.hlen); }));
   EXPECT_EQ("0x70000000", Events());
   fs.SetFaults("kind=dmig,code=9,errno=EPERM");
   dm_eventset_t set = 0;
   unsigned int nelem = 0;
-  EXPECT_EQ("-1 EPERM", vdtest::Outcome([&] { return dm_get_eventlist(0, fshandle_.get(), fshlen_, -1, 40, &set, &nelem); }));
+  EXPECT_EQ("-1 EPERM", vdtest::Outcome([&] { return dm_get_eventlist(0, fs_.hanp, fs_.hlen, -1, 40, &set, &nelem); }));
   fs.ClearFaults();
   ASSERT_EQ(0, unlink(path_.c_str()));
   errno = 0;
-  EXPECT_EQ(-1, Update(handle_.get(), hlen_));
+  EXPECT_EQ(-1, Update(file_.hanp, file_.hlen));
   EXPECT_TRUE(errno == ENOENT || errno == ESTALE) << strerror(errno);
 }
 

@@ -16,6 +16,7 @@
 
 #include "kxdmapi/kxdmapi.h"
 #include "libutil/getroot.h"
+#include "support/owned_handle.h"
 #include "support/sim_fs.h"
 
 namespace {
@@ -156,16 +157,12 @@ class FdCacheSimTest : public vdtest::SimFsTest {
     SimFsTest::SetUp();
     dm_fdcache_flush();
     ASSERT_TRUE(fs.MakeFile("f", 100));
-    void *hanp = nullptr;
-    ASSERT_EQ(0, dm_path_to_handle(fs.Path("f").c_str(), &hanp, &hlen_)) << strerror(errno);
-    hanp_.reset(hanp);
+    ASSERT_EQ("", file_.Resolve(fs.Path("f")));
+    hlen_ = file_.hlen;
   }
   void TearDown() override { dm_fdcache_flush(); }
-  const void *h() const { return hanp_.get(); }
-  struct Free {
-    void operator()(void *p) const { dm_handle_free(p, 0); }
-  };
-  std::unique_ptr<void, Free> hanp_;
+  const void *h() const { return file_.hanp; }
+  vdtest::OwnedHandle file_;
   size_t hlen_ = 0;
 };
 
@@ -212,9 +209,8 @@ TEST_F(FdCacheSimTest, FailedOpenOfAHeldHandleCachesNothing) {
 class TraceRoot : public ::testing::Environment {
  public:
   void SetUp() override {
-    char tmpl[] = "/tmp/kxdmapi-fdcache.XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(tmpl));
-    root = tmpl;
+    root = vdtest::MakeTempDir("kxdmapi-fdcache");
+    ASSERT_FALSE(root.empty());
     setenv("KXFSLOGS", root.c_str(), 1);
     ASSERT_EQ(0, mkdir((root + "/debug").c_str(), 0755));
   }

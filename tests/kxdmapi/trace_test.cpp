@@ -22,9 +22,8 @@ namespace {
 class TraceEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
-    char tmpl[] = "/tmp/kxdmapi-trace.XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(tmpl));
-    root_ = tmpl;
+    root_ = vdtest::MakeTempDir("kxdmapi-trace");
+    ASSERT_FALSE(root_.empty());
     setenv("KXFSROOT", root_.c_str(), 1);
     setenv("KXFSLOGS", root_.c_str(), 1);
     ASSERT_EQ(0, mkdir((root_ + "/debug").c_str(), 0755));
