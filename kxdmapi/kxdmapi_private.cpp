@@ -13,9 +13,9 @@
 #include "kxdmapi/kxdmapi_handles.h"
 #include "kxdmapi/kxdmapi_init.h"
 #include "kxdmapi/kxdmapi_raii.h"
-#include "libutil/mutex.h"
 #include "kxdmapi/kxdmapi_wire.h"
 #include "libutil/dopanic.h"
+#include "libutil/mutex.h"
 
 // Panic reports name the unit under which support tools know the cache.
 static const char kx_source_path[] = "kxdmapi/kxdmapi_handles";

@@ -46,9 +46,9 @@ int bad_name(const std::string &name, std::size_t max) {
 // What set / get / rm of one kind of named value (an attribute or an
 // external representation) differ in; the command line shape is shared.
 struct NamedValueKind {
-  const char *command;     // "attr" or "rep"
-  const char *missing;     // "attribute" or "external representation"
-  const char *too_large;   // message for an oversized value
+  const char *command;    // "attr" or "rep"
+  const char *missing;    // "attribute" or "external representation"
+  const char *too_large;  // message for an oversized value
   std::size_t max_name;
   std::size_t max_value;
 };
@@ -58,7 +58,8 @@ int named_value_cmd(Args args, const NamedValueKind &k, Map ObjectState::*field,
                     Value value_of) {
   if (args.size() < 3 || (args[0] == "set") != (args.size() == 4) ||
       (args[0] != "set" && args.size() != 3)) {
-    return fail(std::string("usage: kxsim ") + k.command + " set PATH NAME HEX | get PATH NAME | rm PATH NAME");
+    return fail(std::string("usage: kxsim ") + k.command +
+                " set PATH NAME HEX | get PATH NAME | rm PATH NAME");
   }
   const std::string &name = args[2];
   if (!valid_state_name(name, k.max_name)) return bad_name(name, k.max_name);
@@ -79,7 +80,8 @@ int named_value_cmd(Args args, const NamedValueKind &k, Map ObjectState::*field,
     std::printf("%s\n", to_hex(value_of(it->second)).c_str());
     return 0;
   }
-  if (args[0] != "rm") return fail(std::string("unknown ") + k.command + " subcommand '" + args[0] + "'");
+  if (args[0] != "rm")
+    return fail(std::string("unknown ") + k.command + " subcommand '" + args[0] + "'");
   map.erase(it);
   return save(l);
 }
@@ -116,7 +118,10 @@ int cmd_rep(Args args) {
                                    "representation values hold at most 65536 bytes", kMaxRepName,
                                    kMaxRepValue};
   return named_value_cmd(
-      args, kind, &ObjectState::reps, [](const Bytes &v) { return ExtRep{0, 0, 0, v}; },
+      args, kind, &ObjectState::reps,
+      [](const Bytes &v) {
+        return ExtRep{0, 0, 0, v};
+      },
       [](const ExtRep &r) -> const Bytes & { return r.value; });
 }
 

@@ -46,10 +46,12 @@ TEST(AttributesOutsideFsTest, FailuresKeepTheRequestErrnoAndRefuseOversizedValue
   const int fd = open("/dev/null", O_RDONLY);
   unsigned char buf[DM_ATTR_VALUE_MAX + 1] = {};
   size_t rlen = 99;
-  EXPECT_EQ("-1 ENOTTY", vdtest::Outcome([&] { return dm_get_dmattr_fd(fd, 0, -1, &kBfst, 32, buf, &rlen); }));  // no driver here: the request was made
+  EXPECT_EQ("-1 ENOTTY", OUTCOME(dm_get_dmattr_fd(fd, 0, -1, &kBfst, 32, buf,
+                                                  &rlen)));  // no driver here: the request was made
   EXPECT_EQ(0u, rlen);
-  EXPECT_EQ("-1 E2BIG", vdtest::Outcome([&] { return dm_set_dmattr_fd(fd, 0, -1, &kBfst, 0, sizeof buf, buf); }));  // 129 bytes cannot be sent
-  EXPECT_EQ("-1 EINVAL", vdtest::Outcome([&] { return dm_get_dmattr_fd(fd, 0, -1, &kBfst, 32, nullptr, &rlen); }));
+  EXPECT_EQ("-1 E2BIG", OUTCOME(dm_set_dmattr_fd(fd, 0, -1, &kBfst, 0, sizeof buf,
+                                                 buf)));  // 129 bytes cannot be sent
+  EXPECT_EQ("-1 EINVAL", OUTCOME(dm_get_dmattr_fd(fd, 0, -1, &kBfst, 32, nullptr, &rlen)));
   close(fd);
 }
 
@@ -63,7 +65,8 @@ TEST(AttributesOutsideFsTest, HandleFormsRefuseAllButFileHandles) {
   for (auto [hanp, hlen] : {std::pair<const void *, size_t>{fsid0.data(), 24},
                             {&fshandle, sizeof fshandle},
                             {DM_GLOBAL_HANP, DM_GLOBAL_HLEN}}) {
-    EXPECT_EQ("-1 EBADF", vdtest::Outcome([&] { return dm_get_dmattr(0, hanp, hlen, -1, &kBfst, sizeof buf, buf, &rlen); }));
+    EXPECT_EQ("-1 EBADF",
+              OUTCOME(dm_get_dmattr(0, hanp, hlen, -1, &kBfst, sizeof buf, buf, &rlen)));
     errno = 0;
     EXPECT_EQ(-1, dm_get_fileattr(0, hanp, hlen, -1, 0, &st));
     // dm_get_fileattr leaves the judgement to the open: a file-system handle
@@ -115,15 +118,15 @@ TEST_F(AttributesSimTest, BfstSetGetRemoveByDescriptorAndByHandle) {
   EXPECT_EQ(32u, rlen);
   EXPECT_EQ(value, out);
   ASSERT_EQ(0, dm_remove_dmattr(0, h(), hlen_, -1, 0, &kBfst));
-  EXPECT_EQ("-1 ENODATA", vdtest::Outcome([&] { return dm_get_dmattr_fd(fd_, 0, -1, &kBfst, 32, out.data(), &rlen); }));
-  EXPECT_EQ("-1 ENODATA", vdtest::Outcome([&] { return dm_remove_dmattr_fd(fd_, 0, -1, 0, &kBfst); }));
+  EXPECT_EQ("-1 ENODATA", OUTCOME(dm_get_dmattr_fd(fd_, 0, -1, &kBfst, 32, out.data(), &rlen)));
+  EXPECT_EQ("-1 ENODATA", OUTCOME(dm_remove_dmattr_fd(fd_, 0, -1, 0, &kBfst)));
 }
 
 TEST_F(AttributesSimTest, ShortBufferReportsTheNeededLengthAndCopiesNothing) {
   SetWithCli(Pattern(40, 3));
   std::vector<unsigned char> out(32, 0xEE);
   size_t rlen = 0;
-  EXPECT_EQ("-1 E2BIG", vdtest::Outcome([&] { return Get(kBfst, out, rlen); }));
+  EXPECT_EQ("-1 E2BIG", OUTCOME(Get(kBfst, out, rlen)));
   EXPECT_EQ(40u, rlen);
   EXPECT_EQ(std::vector<unsigned char>(32, 0xEE), out);
 }
@@ -161,12 +164,12 @@ TEST_F(AttributesSimTest, InjectedIoctlFailureKeepsErrnoAcrossTheClose) {
   fs.SetFaults("kind=ioctl,code=1038,name=BFST,errno=EIO");
   std::vector<unsigned char> out(32);
   size_t rlen = 7;
-  EXPECT_EQ("-1 EIO", vdtest::Outcome([&] { return Get(kBfst, out, rlen); }));
+  EXPECT_EQ("-1 EIO", OUTCOME(Get(kBfst, out, rlen)));
   EXPECT_EQ(0u, rlen);
-  EXPECT_EQ("-1 ENODATA", vdtest::Outcome([&] { return Get(kVdea, out, rlen); }));  // the rule names BFST only
+  EXPECT_EQ("-1 ENODATA", OUTCOME(Get(kVdea, out, rlen)));  // the rule names BFST only
   fs.SetFaults("kind=ioctl,code=1036,errno=EACCES");
   dm_stat_t st{};
-  EXPECT_EQ("-1 EACCES", vdtest::Outcome([&] { return dm_get_fileattr(0, h(), hlen_, -1, 0, &st); }));
+  EXPECT_EQ("-1 EACCES", OUTCOME(dm_get_fileattr(0, h(), hlen_, -1, 0, &st)));
 }
 
 TEST_F(AttributesSimTest, UnheldHandleOpensPerCallAndLeavesNothingOpen) {

@@ -37,27 +37,30 @@ TEST(EventsOutsideFsTest, MaxeventIsCheckedBeforeTheHandleByHandleFormsOnly) {
     EXPECT_EQ(expected, errno) << maxevent;
   }
   const int fd = open("/dev/null", O_RDONLY);
-  EXPECT_EQ("-1 ENOTTY", vdtest::Outcome([&] { return dm_update_eventlist_fd(fd, 0, -1, &kNone, &kManaged, 41); }));
+  EXPECT_EQ("-1 ENOTTY", OUTCOME(dm_update_eventlist_fd(fd, 0, -1, &kNone, &kManaged, 41)));
   close(fd);
-  EXPECT_EQ("-1 EBADF", vdtest::Outcome([&] { return dm_set_eventlist(0, DM_GLOBAL_HANP, DM_GLOBAL_HLEN, -1, &kNone, 40); }));  // valid, but no fsid to send
+  EXPECT_EQ("-1 EBADF", OUTCOME(dm_set_eventlist(0, DM_GLOBAL_HANP, DM_GLOBAL_HLEN, -1, &kNone,
+                                                 40)));  // valid, but no fsid to send
   dm_eventset_t set = 0;
   unsigned int nelem = 0;
-  EXPECT_EQ("-1 EINVAL", vdtest::Outcome([&] { return dm_get_eventlist(0, invalid.data(), 24, -1, 0, &set, &nelem); }));
+  EXPECT_EQ("-1 EINVAL", OUTCOME(dm_get_eventlist(0, invalid.data(), 24, -1, 0, &set, &nelem)));
 }
 
 TEST(EventsOutsideFsTest, EventFileCallsTakeOnlyTheirTypesAndBoundedData) {
   for (int ev : {7, 20, 28, 40, 45}) {
-    EXPECT_EQ("-1 ENOSYS", vdtest::Outcome([&] { return dm_roll_eventfile(0, 0, static_cast<dm_eventtype_t>(ev)); })) << ev;
+    EXPECT_EQ("-1 ENOSYS", OUTCOME(dm_roll_eventfile(0, 0, static_cast<dm_eventtype_t>(ev)))) << ev;
   }
   for (int ev : {-1, 0, 8, 29, 39, 46, 64}) {
-    EXPECT_EQ("-1 EINVAL", vdtest::Outcome([&] { return dm_roll_eventfile(0, 0, static_cast<dm_eventtype_t>(ev)); })) << ev;
-    EXPECT_EQ("-1 EINVAL", vdtest::Outcome([&] { return dm_add_evententry(0, 0, static_cast<dm_eventtype_t>(ev), 0, nullptr); })) << ev;
+    EXPECT_EQ("-1 EINVAL", OUTCOME(dm_roll_eventfile(0, 0, static_cast<dm_eventtype_t>(ev)))) << ev;
+    EXPECT_EQ("-1 EINVAL",
+              OUTCOME(dm_add_evententry(0, 0, static_cast<dm_eventtype_t>(ev), 0, nullptr)))
+        << ev;
   }
   std::vector<unsigned char> data(1233, 0xAB);
-  EXPECT_EQ("-1 ENOSYS", vdtest::Outcome([&] { return dm_add_evententry(0, 0, DM_EVENT_BLOCKLET, 1232, data.data()); }));
-  EXPECT_EQ("-1 EINVAL", vdtest::Outcome([&] { return dm_add_evententry(0, 0, DM_EVENT_BLOCKLET, 1233, data.data()); }));
+  EXPECT_EQ("-1 ENOSYS", OUTCOME(dm_add_evententry(0, 0, DM_EVENT_BLOCKLET, 1232, data.data())));
+  EXPECT_EQ("-1 EINVAL", OUTCOME(dm_add_evententry(0, 0, DM_EVENT_BLOCKLET, 1233, data.data())));
   char path[DM_GET_DIR_PATH_MAX];
-  EXPECT_EQ("-1 EINVAL", vdtest::Outcome([&] { return dm_get_dir(0, 2, path); }));
+  EXPECT_EQ("-1 EINVAL", OUTCOME(dm_get_dir(0, 2, path)));
 }
 
 // ---- On a simulated mount -------------------------------------------------
@@ -131,12 +134,12 @@ TEST_F(EventsSimTest, FileSystemHandleGoesThroughTheDriver) {
 TEST_F(EventsSimTest, FailuresKeepTheirErrno) {
   SetEvents("0x70000000");
   fs.SetFaults("kind=ioctl,code=1062,errno=EIO");
-  EXPECT_EQ("-1 EIO", vdtest::Outcome([&] { return Update(file_.hanp, file_.hlen); }));
+  EXPECT_EQ("-1 EIO", OUTCOME(Update(file_.hanp, file_.hlen)));
   EXPECT_EQ("0x70000000", Events());
   fs.SetFaults("kind=dmig,code=9,errno=EPERM");
   dm_eventset_t set = 0;
   unsigned int nelem = 0;
-  EXPECT_EQ("-1 EPERM", vdtest::Outcome([&] { return dm_get_eventlist(0, fs_.hanp, fs_.hlen, -1, 40, &set, &nelem); }));
+  EXPECT_EQ("-1 EPERM", OUTCOME(dm_get_eventlist(0, fs_.hanp, fs_.hlen, -1, 40, &set, &nelem)));
   fs.ClearFaults();
   ASSERT_EQ(0, unlink(path_.c_str()));
   errno = 0;

@@ -65,7 +65,7 @@ class FdCacheTest : public ::testing::Test {
 TEST_F(FdCacheTest, NinthDistinctHoldFailsButRepeatHoldSucceeds) {
   auto hs = HoldDistinct(8);
   Handle ninth = MakeFileHandle(0x1234, 999);
-  EXPECT_EQ("-1 ENOMEM", vdtest::Outcome([&] { return dm_obj_ref_hold(0, -1, ninth.data(), 24); }));
+  EXPECT_EQ("-1 ENOMEM", OUTCOME(dm_obj_ref_hold(0, -1, ninth.data(), 24)));
   EXPECT_EQ(0, dm_obj_ref_query(0, -1, ninth.data(), 24));
   EXPECT_EQ(0, dm_obj_ref_hold(0, -1, hs[5].data(), 24));
   EXPECT_EQ(2u, dm_fd_cache[5].fd_count);
@@ -92,7 +92,7 @@ TEST_F(FdCacheTest, DescriptorStaysOpenUntilTheLastRelease) {
   EXPECT_TRUE(IsOpen(fd));
   ASSERT_EQ(0, dm_obj_ref_rele(0, -1, h.data(), 24));
   EXPECT_FALSE(IsOpen(fd));
-  EXPECT_EQ("-1 ENOENT", vdtest::Outcome([&] { return dm_obj_ref_rele(0, -1, h.data(), 24); }));
+  EXPECT_EQ("-1 ENOENT", OUTCOME(dm_obj_ref_rele(0, -1, h.data(), 24)));
 }
 
 TEST_F(FdCacheTest, ReleasingTheGlobalHandleClosesEverything) {
@@ -112,7 +112,7 @@ TEST_F(FdCacheTest, ReleasingTheGlobalHandleClosesEverything) {
 TEST_F(FdCacheTest, BadHandlesAreRefusedWithoutTouchingTheTable) {
   Handle bad = MakeFileHandle(0, 7);  // fsid 0
   for (auto call : {dm_obj_ref_hold, dm_obj_ref_rele, dm_obj_ref_query}) {
-    EXPECT_EQ("-1 EBADF", vdtest::Outcome([&] { return call(0, -1, bad.data(), 24); }));
+    EXPECT_EQ("-1 EBADF", OUTCOME(call(0, -1, bad.data(), 24)));
   }
   EXPECT_EQ(-1, dm_obj_ref_hold(0, -1, DM_GLOBAL_HANP, DM_GLOBAL_HLEN));
   EXPECT_EQ(-1, dm_open_by_handle(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, 0));
@@ -195,7 +195,7 @@ TEST_F(FdCacheSimTest, HeldHandleIsOpenedOnceUntilReleased) {
 TEST_F(FdCacheSimTest, FailedOpenOfAHeldHandleCachesNothing) {
   ASSERT_EQ(0, dm_obj_ref_hold(0, -1, h(), hlen_));
   fs.SetFaults("kind=open,path=/mnt/f,errno=EACCES");
-  EXPECT_EQ("-1 EACCES", vdtest::Outcome([&] { return dm_open_by_handle(h(), hlen_, 0); }));
+  EXPECT_EQ("-1 EACCES", OUTCOME(dm_open_by_handle(h(), hlen_, 0)));
   int cached = 0;
   ASSERT_EQ(1, dm_fdcache_search(h(), hlen_, &cached));
   EXPECT_EQ(-1, cached);

@@ -5,13 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include "support/test_support.h"
-
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "kxdmapi/kxdmapi.h"
+#include "support/test_support.h"
 
 extern "C" int kxdmapi_c_header_check(void);
 
@@ -124,16 +123,11 @@ TEST_F(HandlesTest, ConversionsRefuseHandlesWithoutTheFieldAsEBADF) {
   ASSERT_EQ(0, dm_handle_to_fshandle(file.data(), 24, &fsh, &fshlen));
   EXPECT_EQ(Hex(file.data(), 8), Hex(fsh, fshlen));
   dm_handle_free(fsh, fshlen);
-  auto fails_ebadf = [](auto call) {
-    errno = 0;
-    return call() == -1 && errno == EBADF;
-  };
-  EXPECT_TRUE(fails_ebadf([&] { return dm_handle_to_ino(file.data(), 8, &ino); }));
-  EXPECT_TRUE(fails_ebadf([&] { return dm_handle_to_igen(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, &gen); }));
-  EXPECT_TRUE(
-      fails_ebadf([&] { return dm_handle_to_fsid(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, &fsid); }));
-  EXPECT_TRUE(fails_ebadf(
-      [&] { return dm_handle_to_fshandle(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, &fsh, &fshlen); }));
+  EXPECT_EQ("-1 EBADF", OUTCOME(dm_handle_to_ino(file.data(), 8, &ino)));
+  EXPECT_EQ("-1 EBADF", OUTCOME(dm_handle_to_igen(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, &gen)));
+  EXPECT_EQ("-1 EBADF", OUTCOME(dm_handle_to_fsid(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, &fsid)));
+  EXPECT_EQ("-1 EBADF",
+            OUTCOME(dm_handle_to_fshandle(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, &fsh, &fshlen)));
 }
 
 TEST_F(HandlesTest, CompareOrdersByLengthThenUnsignedBytes) {
@@ -169,7 +163,7 @@ TEST_F(HandlesTest, FdToHandleOutsideKxfsKeepsTheIoctlErrno) {
   ASSERT_GE(fd, 0);
   void *hanp = reinterpret_cast<void *>(0x10);
   size_t hlen = 0;
-  EXPECT_EQ("-1 ENOTTY", vdtest::Outcome([&] { return dm_fd_to_handle(fd, &hanp, &hlen); }));
+  EXPECT_EQ("-1 ENOTTY", OUTCOME(dm_fd_to_handle(fd, &hanp, &hlen)));
   EXPECT_EQ(nullptr, hanp);
   close(fd);
 }

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "support/test_support.h"
 #include "libutil/priv_check.h"
+#include "support/test_support.h"
 
 static const char kx_source_path[] = "tests/libutil/dopanic_test";
 
@@ -112,8 +112,8 @@ TEST_F(DoPanicTest, CheckedBuildDecisionAndItsReason) {
     const std::string &expected;
   };
   const Case cases[] = {
-      {"0", nullptr, env_off},      {"0ff", nullptr, env_off},
-      {"1", nullptr, env_on},       {"", nullptr, env_on},
+      {"0", nullptr, env_off},         {"0ff", nullptr, env_off},
+      {"1", nullptr, env_on},          {"", nullptr, env_on},
       {"no", "merrow", env_on},  // any other value enables, even on an appliance
       {nullptr, "tarnhol", appliance}, {nullptr, "merrow", appliance},
       {nullptr, "tarnholX", fallback},  // the appliance name must match exactly

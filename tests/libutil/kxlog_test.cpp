@@ -6,8 +6,8 @@
 #include <cstdarg>
 #include <string>
 
-#include "support/test_support.h"
 #include "libutil/dopanic.h"
+#include "support/test_support.h"
 
 namespace {
 

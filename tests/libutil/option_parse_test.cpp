@@ -90,25 +90,90 @@ TEST_F(ParseOptionTest, BareKeywords) {
   EXPECT_EQ("zzz", Rest());
 }
 
-TEST_F(ParseOptionTest, NumbersAndUnits) {
-  EXPECT_EQ("12 16", One("size=0x10"));
-  EXPECT_EQ("12 8", One("size=010"));
-  EXPECT_EQ("12 4096", One("size=4k"));
-  EXPECT_EQ("12 3145728", One("size=3M"));
-  EXPECT_EQ("12 2147483648", One("size=2g"));
-  EXPECT_EQ("12 1024", One("size=1KB"));
-  EXPECT_EQ("B", Rest());
-  EXPECT_EQ(
-      "ERR Unrecognized number (Invalid unit multiplier (k/K/m/M/g/G allowed)) in "
-      "'size=1T'\n",
-      One("size=1T,x"));
-  EXPECT_EQ("ERR Unrecognized number () in 'size='\n", One("size="));
-  EXPECT_EQ("ERR Unrecognized number () in 'size=-1'\n", One("size=-1"));
-  // Callers cut their text into lines first: a line feed is no separator here.
-  EXPECT_EQ(
-      "ERR Unrecognized number (Invalid unit multiplier (k/K/m/M/g/G allowed)) in "
-      "'size=4\n'\n",
-      One("size=4\n"));
+// One option per row: its text, the outcome and, where it matters, the text
+// left at the cursor.
+struct OneOption {
+  const char *text;
+  std::string expected;
+  const char *rest = nullptr;
+};
+
+const std::string kBadUnit = "Unrecognized number (Invalid unit multiplier (k/K/m/M/g/G allowed))";
+std::string BadTime(const char *at, int offset, const char *why, const char *option) {
+  return "ERR Bad time format: '" + std::string(at) + "' (offset " + std::to_string(offset) +
+         "): " + why + "\nOption: '" + option + "'\n";
+}
+
+const OneOption kValueCases[] = {
+    // Numbers take any base and a unit.
+    {"size=0x10", "12 16"},
+    {"size=010", "12 8"},
+    {"size=4k", "12 4096"},
+    {"size=3M", "12 3145728"},
+    {"size=2g", "12 2147483648"},
+    {"size=1KB", "12 1024", "B"},
+    {"size=1T,x", "ERR " + kBadUnit + " in 'size=1T'\n"},
+    {"size=", "ERR Unrecognized number () in 'size='\n"},
+    {"size=-1", "ERR Unrecognized number () in 'size=-1'\n"},
+    // Callers cut their text into lines first: a line feed is no separator here.
+    {"size=4\n", "ERR " + kBadUnit + " in 'size=4\n'\n"},
+    {"dedup_pri=abc=d", "ERR Unrecognized decimal value in 'dedup_pri=abc'\n"},
+    // Intervals in every form.
+    {"age=90", "13 90"},
+    {"age=1:30", "13 90"},
+    {"age=1m30s", "13 90"},
+    {"age=1:30:00", "13 5400"},
+    {"age=2w", "13 1209600"},
+    {"age=1d 12h,x", "13 129600", ",x"},
+    {"age=1h2h", "13 10800"},
+    {"age=1d12", BadTime("1d12", 4, "incomplete specification", "age=1d12")},
+    {"age=:30", BadTime(":", 1, "unexpected ':'", "age=:30")},
+    {"age=12 3", BadTime("12 3", 4, "unexpected digit(s)", "age=12 3")},
+    {"age=h", BadTime("h", 1, "unexpected w/d/h/m/s specifier", "age=h")},
+    {"age=1x", BadTime("1x", 2, "invalid character", "age=1x")},
+    {"age=", BadTime("", 0, "incomplete specification", "age=")},
+    // Booleans are prefixes; "no" is tried before "n".
+    {"dedup=onward", "10 1", "ward"},
+    {"dedup=nope", "10 0", "pe"},
+    {"dedup=OFF", "10 0"},
+    {"dedup=Y", "10 1"},
+    {"dedup=0", "10 0"},
+    {"dedup=True", "10 1"},
+    {"dedup=maybe,x", "ERR Unrecognized boolean value in 'dedup=maybe'\n"},
+    {"dedup=", "ERR Unrecognized boolean value in 'dedup='\n"},
+    // Choices give the group index and are not range checked.
+    {"rep_input=TRUE", "50 0"},
+    {"rep_input=off,x", "50 1", ",x"},
+    {"rep_input=disabled", "50 2"},  // above the row's max of 1
+    {"rep_input=of",
+     "ERR Unknown choice enumerated in option 'rep_input=of'; "
+     "Expected: {on,true|off,false|disabled}\n"},
+    // Strings may be quoted and hold at most the buffer less one.
+    {"name=a b,x", "2 a b", ",x"},
+    {"name=\"a,b\"x", "2 a,b", "x"},
+    {"name=", "2 "},
+    {"name=line\nnext", "2 line"},
+    {"name=fifteen chars!!", "2 fifteen chars!!"},
+    {"name=sixteen chars!!!",
+     "ERR Parse error in string value (String option too long) 'name=sixteen chars!!!\n"},
+    {"name=\"abc", "ERR Parse error in string value (Unterminated string) 'name=\"abc\n"},
+    // Ranges, inclusive; 0 means no bound.
+    {"dedup_pri=0", "20 0"},
+    {"dedup_pri=999", "20 999"},
+    {"dedup_pri=1000", "ERR Parameter 'dedup_pri' (1000) out of range, min 0 max 999\n"},
+    {"limit=512", "ERR Parameter 'limit' (512) out of range, min 1024 max 1048576\n"},
+    {"limit=1m", "6 1048576"},
+    {"win=30s", "ERR Parameter 'win' (30) out of range, min 60 max 3600\n"},
+    {"win=2h", "ERR Parameter 'win' (7200) out of range, min 60 max 3600\n"},
+};
+
+TEST_F(ParseOptionTest, ValuesOfEverySyntax) {
+  for (const OneOption &c : kValueCases) {
+    EXPECT_EQ(c.expected, One(c.text)) << c.text;
+    if (c.rest != nullptr) {
+      EXPECT_EQ(c.rest, Rest()) << c.text;
+    }
+  }
 }
 
 TEST_F(ParseOptionTest, DecimalsStopAfterTheDigits) {
@@ -116,89 +181,6 @@ TEST_F(ParseOptionTest, DecimalsStopAfterTheDigits) {
   EXPECT_EQ("20 0", Next());
   EXPECT_EQ("x10", Rest());
   EXPECT_EQ("ERR Unrecognized option: 'x10'\n", Next());
-  EXPECT_EQ("ERR Unrecognized decimal value in 'dedup_pri=abc'\n", One("dedup_pri=abc=d"));
-}
-
-TEST_F(ParseOptionTest, Intervals) {
-  EXPECT_EQ("13 90", One("age=90"));
-  EXPECT_EQ("13 90", One("age=1:30"));
-  EXPECT_EQ("13 90", One("age=1m30s"));
-  EXPECT_EQ("13 5400", One("age=1:30:00"));
-  EXPECT_EQ("13 1209600", One("age=2w"));
-  EXPECT_EQ("13 129600", One("age=1d 12h,x"));
-  EXPECT_EQ(",x", Rest());
-  EXPECT_EQ("13 10800", One("age=1h2h"));
-  EXPECT_EQ(
-      "ERR Bad time format: '1d12' (offset 4): incomplete specification\n"
-      "Option: 'age=1d12'\n",
-      One("age=1d12"));
-  EXPECT_EQ("ERR Bad time format: ':' (offset 1): unexpected ':'\nOption: 'age=:30'\n",
-            One("age=:30"));
-  EXPECT_EQ(
-      "ERR Bad time format: '12 3' (offset 4): unexpected digit(s)\n"
-      "Option: 'age=12 3'\n",
-      One("age=12 3"));
-  EXPECT_EQ(
-      "ERR Bad time format: 'h' (offset 1): unexpected w/d/h/m/s specifier\n"
-      "Option: 'age=h'\n",
-      One("age=h"));
-  EXPECT_EQ("ERR Bad time format: '1x' (offset 2): invalid character\nOption: 'age=1x'\n",
-            One("age=1x"));
-  EXPECT_EQ(
-      "ERR Bad time format: '' (offset 0): incomplete specification\n"
-      "Option: 'age='\n",
-      One("age="));
-}
-
-TEST_F(ParseOptionTest, BooleansArePrefixes) {
-  EXPECT_EQ("10 1", One("dedup=onward"));
-  EXPECT_EQ("ward", Rest());
-  EXPECT_EQ("10 0", One("dedup=nope"));  // "no" is tried before "n"
-  EXPECT_EQ("pe", Rest());
-  EXPECT_EQ("10 0", One("dedup=OFF"));
-  EXPECT_EQ("10 1", One("dedup=Y"));
-  EXPECT_EQ("10 0", One("dedup=0"));
-  EXPECT_EQ("10 1", One("dedup=True"));
-  EXPECT_EQ("ERR Unrecognized boolean value in 'dedup=maybe'\n", One("dedup=maybe,x"));
-  EXPECT_EQ("ERR Unrecognized boolean value in 'dedup='\n", One("dedup="));
-}
-
-TEST_F(ParseOptionTest, ChoicesGiveTheGroupIndexAndAreNotRangeChecked) {
-  EXPECT_EQ("50 0", One("rep_input=TRUE"));
-  EXPECT_EQ("50 1", One("rep_input=off,x"));
-  EXPECT_EQ(",x", Rest());
-  EXPECT_EQ("50 2", One("rep_input=disabled"));  // above the row's max of 1
-  EXPECT_EQ(
-      "ERR Unknown choice enumerated in option 'rep_input=of'; "
-      "Expected: {on,true|off,false|disabled}\n",
-      One("rep_input=of"));
-}
-
-TEST_F(ParseOptionTest, Strings) {
-  EXPECT_EQ("2 a b", One("name=a b,x"));
-  EXPECT_EQ(",x", Rest());
-  EXPECT_EQ("2 a,b", One("name=\"a,b\"x"));
-  EXPECT_EQ("x", Rest());
-  EXPECT_EQ("2 ", One("name="));
-  EXPECT_EQ("2 line", One("name=line\nnext"));
-  EXPECT_EQ("2 fifteen chars!!", One("name=fifteen chars!!"));
-  EXPECT_EQ(
-      "ERR Parse error in string value (String option too long) "
-      "'name=sixteen chars!!!\n",
-      One("name=sixteen chars!!!"));
-  EXPECT_EQ("ERR Parse error in string value (Unterminated string) 'name=\"abc\n",
-            One("name=\"abc"));
-}
-
-TEST_F(ParseOptionTest, RangeErrors) {
-  EXPECT_EQ("20 0", One("dedup_pri=0"));
-  EXPECT_EQ("20 999", One("dedup_pri=999"));
-  EXPECT_EQ("ERR Parameter 'dedup_pri' (1000) out of range, min 0 max 999\n",
-            One("dedup_pri=1000"));
-  EXPECT_EQ("ERR Parameter 'limit' (512) out of range, min 1024 max 1048576\n", One("limit=512"));
-  EXPECT_EQ("6 1048576", One("limit=1m"));
-  EXPECT_EQ("ERR Parameter 'win' (30) out of range, min 60 max 3600\n", One("win=30s"));
-  EXPECT_EQ("ERR Parameter 'win' (7200) out of range, min 60 max 3600\n", One("win=2h"));
 }
 
 TEST_F(ParseOptionTest, MessageBuffersMayBeSmallOrAbsent) {

@@ -52,6 +52,9 @@ std::string Outcome(Call &&call) {
   return std::to_string(rc) + " " + (name != nullptr ? name : std::to_string(errno));
 }
 
+// Outcome of one expression, as in EXPECT_EQ("-1 EIO", OUTCOME(dm_x(...))).
+#define OUTCOME(call) ::vdtest::Outcome([&] { return call; })
+
 struct ChildResult {
   int status = -1;  // as from waitpid
   std::string out;

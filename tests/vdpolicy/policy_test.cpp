@@ -57,7 +57,8 @@ TEST_F(PolicyParseTest, SyntaxErrorsNameTheLineAndTheCause) {
             "Expected: {on,true|off,false|disabled}"},
       {"objs_pri=1,dedup_pri=1000",
        at + "1 for key: 5: Parameter 'dedup_pri' (1000) out of range, min 0 max 999"},
-      {"rep_copies=17", at + "1 for key: 5: Parameter 'rep_copies' (17) out of range, min 0 max 16"},
+      {"rep_copies=17",
+       at + "1 for key: 5: Parameter 'rep_copies' (17) out of range, min 0 max 16"},
       {"trunc_low_water=101",
        at + "1 for key: 5: Parameter 'trunc_low_water' (101) out of range, min 0 max 100"},
       // Options given twice, synonyms included, say no more than where.

@@ -214,8 +214,7 @@ TEST_F(ObjsConfTest, ErrorsNameTheLineAndTheCause) {
   const std::pair<std::string, std::string> cases[] = {
       {"objs_id=c,namespaces=n\naccess_host_ports=h1:9000-8000\n",
        "2: incorrect ports specified.\n"},
-      {"objs_id=c,namespaces=n,access_host_ports=h:8000-8257\n",
-       "1: incorrect ports specified.\n"},
+      {"objs_id=c,namespaces=n,access_host_ports=h:8000-8257\n", "1: incorrect ports specified.\n"},
       {"objs_id=c,access_host_ports=h:80-x\n", "1: incorrect ports specified.\n"},
       {"objs_id=c,provider=S3\n", "1: Unknown Object Storage provider"},
       {"objs_id=c,authentication=plain\n",
