@@ -51,12 +51,11 @@ TEST_F(KxLogTest, LongLineIsWrittenWhole) {
 }
 
 TEST_F(KxLogTest, ErrnoSurvivesLogging) {
-  errno = EXDEV;
-  testing::internal::CaptureStderr();
-  __kxfs_logfn(KXLOG_ERROR, "x");
-  const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(EXDEV, errno);
-  EXPECT_EQ("ERROR: x\n", err);
+  EXPECT_EQ("ERROR: x\n", vdtest::StderrOf([] {
+              errno = EXDEV;
+              __kxfs_logfn(KXLOG_ERROR, "x");
+              EXPECT_EQ(EXDEV, errno);
+            }));
 }
 
 TEST_F(KxLogTest, WriteLogAdapterRoutesThroughHookVerbatim) {

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "support/test_support.h"
+
 namespace {
 
 // One row of every value syntax, like the policy and objs.conf tables.
@@ -274,9 +276,6 @@ TEST(Usage, ListsVisibleRowsWithTheirPlaceholders) {
       {"another_very_long_keyword_here=%d", 6, 0, 0, nullptr, 0, VDOPT_UINT32, 0},
       {nullptr, 0, 0, 0, nullptr, 0, VDOPT_INVALID, 0},
   };
-  testing::internal::CaptureStderr();
-  parser_usage(table);
-  std::string out = testing::internal::GetCapturedStderr();
   EXPECT_EQ(
       "  flag                          a flag\n"
       "  size=<value>[k|m|g]           a size\n"
@@ -284,7 +283,7 @@ TEST(Usage, ListsVisibleRowsWithTheirPlaceholders) {
       "  a_very_long_keyword_for_listing=<boolean>\n"
       "                                long\n"
       "  another_very_long_keyword_here=<value>\n",
-      out);
+      vdtest::StderrOf([&] { parser_usage(table); }));
 }
 
 }  // namespace
