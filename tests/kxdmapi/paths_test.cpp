@@ -12,6 +12,7 @@
 #include "kxdmapi/kxdmapi.h"
 #include "support/owned_handle.h"
 #include "support/sim_fs.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -21,12 +22,6 @@ using vdtest::OwnedHandle;
 class PathArgumentsTest : public ::testing::Test {
  protected:
   void SetUp() override { unsetenv("KXSIM_CONFIG"); }
-  // errno of a failed call, 0 when it succeeded.
-  template <typename F>
-  static int Errno(F call) {
-    errno = 0;
-    return call() == 0 ? 0 : errno;
-  }
   void *hanp_ = nullptr;
   size_t hlen_ = 0;
 };
@@ -34,15 +29,13 @@ class PathArgumentsTest : public ::testing::Test {
 TEST_F(PathArgumentsTest, PathToHandleChecksItsPath) {
   std::string longest(DM_PATH_MAX, 'p');
   std::string too_long = longest + "p";
-  EXPECT_EQ(EINVAL, Errno([&] { return dm_path_to_handle(nullptr, &hanp_, &hlen_); }));
-  EXPECT_EQ(ENOENT, Errno([&] { return dm_path_to_handle("", &hanp_, &hlen_); }));
-  EXPECT_EQ(ENAMETOOLONG,
-            Errno([&] { return dm_path_to_handle(too_long.c_str(), &hanp_, &hlen_); }));
-  EXPECT_EQ(ENAMETOOLONG,
-            Errno([&] { return dm_path_to_fshandle(too_long.c_str(), &hanp_, &hlen_); }));
+  EXPECT_EQ("-1 EINVAL", OUTCOME(dm_path_to_handle(nullptr, &hanp_, &hlen_)));
+  EXPECT_EQ("-1 ENOENT", OUTCOME(dm_path_to_handle("", &hanp_, &hlen_)));
+  EXPECT_EQ("-1 ENAMETOOLONG", OUTCOME(dm_path_to_handle(too_long.c_str(), &hanp_, &hlen_)));
+  EXPECT_EQ("-1 ENAMETOOLONG", OUTCOME(dm_path_to_fshandle(too_long.c_str(), &hanp_, &hlen_)));
   // Accepted paths reach the driver, which is absent here.
-  EXPECT_EQ(ENOSYS, Errno([&] { return dm_path_to_handle(longest.c_str(), &hanp_, &hlen_); }));
-  EXPECT_EQ(ENOSYS, Errno([&] { return dm_path_to_fshandle("", &hanp_, &hlen_); }));
+  EXPECT_EQ("-1 ENOSYS", OUTCOME(dm_path_to_handle(longest.c_str(), &hanp_, &hlen_)));
+  EXPECT_EQ("-1 ENOSYS", OUTCOME(dm_path_to_fshandle("", &hanp_, &hlen_)));
 }
 
 TEST_F(PathArgumentsTest, HandleToPathChecksInOrder) {
@@ -51,15 +44,15 @@ TEST_F(PathArgumentsTest, HandleToPathChecksInOrder) {
   char buf[64];
   size_t needed = 0;
   auto h2p = [&](const void *dir, size_t dirlen, const void *targ, size_t buflen, char *out) {
-    return Errno([&] { return dm_handle_to_path(dir, dirlen, targ, 24, buflen, out, &needed); });
+    return OUTCOME(dm_handle_to_path(dir, dirlen, targ, 24, buflen, out, &needed));
   };
-  EXPECT_EQ(EINVAL, h2p(bad, 24, bad, 0, buf));
-  EXPECT_EQ(EINVAL, h2p(nullptr, 0, good, sizeof buf, nullptr));
-  EXPECT_EQ(EBADF, h2p(bad, 24, good, sizeof buf, buf));
-  EXPECT_EQ(EBADF, h2p(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, good, sizeof buf, buf))
+  EXPECT_EQ("-1 EINVAL", h2p(bad, 24, bad, 0, buf));
+  EXPECT_EQ("-1 EINVAL", h2p(nullptr, 0, good, sizeof buf, nullptr));
+  EXPECT_EQ("-1 EBADF", h2p(bad, 24, good, sizeof buf, buf));
+  EXPECT_EQ("-1 EBADF", h2p(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, good, sizeof buf, buf))
       << "names no directory";
-  EXPECT_EQ(EBADF, h2p(nullptr, 0, bad, sizeof buf, buf));
-  EXPECT_EQ(ENOENT, h2p(nullptr, 0, good, sizeof buf, buf)) << "nothing is mounted";
+  EXPECT_EQ("-1 EBADF", h2p(nullptr, 0, bad, sizeof buf, buf));
+  EXPECT_EQ("-1 ENOENT", h2p(nullptr, 0, good, sizeof buf, buf)) << "nothing is mounted";
 }
 
 TEST_F(PathArgumentsTest, SpecialPathWithoutMountPointIsPrefixAndHex) {
@@ -71,8 +64,8 @@ TEST_F(PathArgumentsTest, SpecialPathWithoutMountPointIsPrefixAndHex) {
   ASSERT_EQ(0, dm_format_special_path(h, sizeof h, &key, nullptr, path));
   EXPECT_STREQ("__KXFS_Handle.1122334455667788000E0000000000010000000000001234", path);
   EXPECT_EQ(0x3412000000000000ULL, key) << "the inode field's bytes read in host order";
-  EXPECT_EQ(EBADF, Errno([&] { return dm_format_special_path(h, 7, &key, nullptr, path); }));
-  EXPECT_EQ(ENOENT, Errno([&] { return dm_format_special_path(h, sizeof h, &key, mnt, path); }));
+  EXPECT_EQ("-1 EBADF", OUTCOME(dm_format_special_path(h, 7, &key, nullptr, path)));
+  EXPECT_EQ("-1 ENOENT", OUTCOME(dm_format_special_path(h, sizeof h, &key, mnt, path)));
 }
 
 class PathsTest : public vdtest::SimFsTest {
@@ -126,10 +119,8 @@ TEST_F(PathsTest, HandleToPathReportsTheRequiredLength) {
   size_t required = fs.Path("dir/file").size() + 1;
   std::string buf(required, '#');
   size_t needed = 0;
-  errno = 0;
-  EXPECT_EQ(
-      -1, dm_handle_to_path(nullptr, 0, file_.hanp, file_.hlen, required - 1, buf.data(), &needed));
-  EXPECT_EQ(ERANGE, errno);
+  EXPECT_EQ("-1 ERANGE", OUTCOME(dm_handle_to_path(nullptr, 0, file_.hanp, file_.hlen, required - 1,
+                                                   buf.data(), &needed)));
   EXPECT_EQ(required, needed);
   EXPECT_EQ('#', buf[0]) << "nothing is written on ERANGE";
   EXPECT_EQ(0,
@@ -166,8 +157,7 @@ TEST_F(PathsTest, DriverFailuresKeepTheirErrno) {
   OwnedHandle other;
   fs.SetFaults("kind=dmig,code=7,errno=EIO");
   EXPECT_EQ(strerror(EIO), other.Resolve(fs.Path("dir")));
-  EXPECT_EQ(-1, dm_path_to_fshandle(fs.mnt().c_str(), &other.hanp, &other.hlen));
-  EXPECT_EQ(EIO, errno);
+  EXPECT_EQ("-1 EIO", OUTCOME(dm_path_to_fshandle(fs.mnt().c_str(), &other.hanp, &other.hlen)));
   EXPECT_EQ(nullptr, other.hanp);
   fs.SetFaults("kind=ioctl,code=0x419,errno=ESTALE");
   EXPECT_EQ("ERROR " + std::string(strerror(ESTALE)), file_.Path());
