@@ -3,38 +3,21 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "libutil/kxlog.h"
+#include "support/log_capture.h"
 
 namespace {
-
-std::vector<std::string> g_log;
-void RecordLog(int level, const char *format, ...) {
-  char buf[512];
-  va_list ap;
-  va_start(ap, format);
-  std::vsnprintf(buf, sizeof buf, format, ap);
-  va_end(ap);
-  g_log.push_back(std::to_string(level) + ":" + buf);
-}
 
 // Captures the table's log lines; every table made through Make() is
 // destroyed at the end of the case (so ASan sees every entry freed).
 class HashTableTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_log.clear();
-    saved_ = __kxfs_logfn;
-    __kxfs_logfn = RecordLog;
-  }
   void TearDown() override {
     for (vd_hash_t *t : tables_) vd_hash_destroy(t);
-    __kxfs_logfn = saved_;
   }
   vd_hash_t *Make(vd_hash_t *t) {
     if (t != nullptr) tables_.push_back(t);
@@ -42,7 +25,7 @@ class HashTableTest : public ::testing::Test {
   }
   static void *Str(const char *s) { return const_cast<char *>(s); }
 
-  kxfs_logfn_t saved_ = nullptr;
+  vdtest::LogCapture log_;
   std::vector<vd_hash_t *> tables_;
 };
 
@@ -160,8 +143,8 @@ TEST_F(HashTableTest, InfoLogsChainStatistics) {
   vd_hash_t *t = Make(vd_hash_create_uint64(4));
   for (uint64_t k : {0, 4, 8, 1, 2}) vd_hash_insert_uint64(t, k, nullptr);
   vd_hash_info(t);
-  ASSERT_EQ(1u, g_log.size());
-  EXPECT_EQ("1:4 buckets, min 0, max 3, avg 1\n", g_log[0]);
+  ASSERT_EQ(1u, log_.Lines().size());
+  EXPECT_EQ("1:4 buckets, min 0, max 3, avg 1\n", log_.Lines()[0]);
 }
 
 TEST_F(HashTableTest, BadArgumentsAreRefused) {

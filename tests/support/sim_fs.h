@@ -95,29 +95,14 @@ inline CmdResult RunCommand(const std::vector<std::string> &args) {
   return result;
 }
 
-inline std::string ReadFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-inline std::vector<std::string> SplitLines(const std::string &text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
 class SimFs {
  public:
   SimFs() {
-    char tmpl[] = "/tmp/kxsim-test.XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) {
+    root_ = MakeTempDir("kxsim-test");
+    if (root_.empty()) {
       error_ = std::string("mkdtemp: ") + strerror(errno);
       return;
     }
-    root_ = tmpl;
     config_ = root_ + "/kxsim.conf";
     setenv("KXSIM_CONFIG", config_.c_str(), 1);
     unsetenv("KXSIM_FAULTS");

@@ -13,8 +13,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
+#include <vector>
 
 namespace vdtest {
 
@@ -26,6 +29,20 @@ inline void RemoveTree(const std::string &path) {
         return 0;
       },
       16, FTW_DEPTH | FTW_PHYS);
+}
+
+inline std::string ReadFile(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+inline std::vector<std::string> SplitLines(const std::string &text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
 }
 
 // A fresh directory "/tmp/<prefix>.XXXXXX"; empty if none could be made.

@@ -3,26 +3,14 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "libutil/kxlog.h"
+#include "support/log_capture.h"
 
 namespace {
-
-std::vector<std::string> g_log;
-
-void CaptureLog(int level, const char *format, ...) {
-  char buf[512];
-  va_list ap;
-  va_start(ap, format);
-  vsnprintf(buf, sizeof buf, format, ap);
-  va_end(ap);
-  g_log.push_back(std::to_string(level) + ":" + buf);
-}
 
 // The values whose bits are set, e.g. "0,15,30,45", offset by the field's
 // first value.
@@ -38,20 +26,14 @@ std::string Values(const unsigned char *set, int count, int first) {
 
 class ScheduleTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_log.clear();
-    saved_ = __kxfs_logfn;
-    __kxfs_logfn = CaptureLog;
-  }
-  void TearDown() override { __kxfs_logfn = saved_; }
-
   // "<minutes> | <hours> | <days> | <months> | <weekdays> | flags", or the
   // logged error.
   static std::string Load(const char *text) {
-    g_log.clear();
+    std::vector<std::string> &log = vdtest::LogCapture::Lines();
+    log.clear();
     sched_entry_t *e = load_entry(text);
-    if (e == nullptr) return g_log.empty() ? "null" : g_log.back();
-    EXPECT_TRUE(g_log.empty());
+    if (e == nullptr) return log.empty() ? "null" : log.back();
+    EXPECT_TRUE(log.empty());
     EXPECT_EQ(nullptr, e->next);
     char flags[8];
     snprintf(flags, sizeof flags, "%#x", static_cast<unsigned>(e->flags));
@@ -62,7 +44,7 @@ class ScheduleTest : public ::testing::Test {
     return out;
   }
 
-  kxfs_logfn_t saved_ = nullptr;
+  vdtest::LogCapture log_;
 };
 
 const std::string kAllDays =
@@ -141,7 +123,7 @@ TEST_F(ScheduleTest, EmptyTextFailsSilently) {
   EXPECT_EQ("null", Load(""));
   EXPECT_EQ("null", Load(" \t "));
   EXPECT_EQ(nullptr, load_entry(nullptr));
-  EXPECT_TRUE(g_log.empty());
+  EXPECT_TRUE(vdtest::LogCapture::Lines().empty());
   free_entry(nullptr);
 }
 

@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -17,7 +16,7 @@
 #include <vector>
 
 #include "libutil/getroot.h"
-#include "libutil/kxlog.h"
+#include "support/log_capture.h"
 #include "support/test_support.h"
 
 namespace {
@@ -39,17 +38,6 @@ class ConfDir : public ::testing::Environment {
 };
 const auto *const g_conf_env = ::testing::AddGlobalTestEnvironment(new ConfDir);
 
-std::vector<std::string> g_log;
-
-void CaptureLog(int level, const char *format, ...) {
-  char buf[512];
-  va_list ap;
-  va_start(ap, format);
-  vsnprintf(buf, sizeof buf, format, ap);
-  va_end(ap);
-  g_log.push_back(std::to_string(level) + ":" + buf);
-}
-
 std::string Join(char *const *items, int count) {
   std::string out;
   for (int i = 0; i < count; ++i) out += (i ? "|" : "") + std::string(items[i]);
@@ -58,16 +46,8 @@ std::string Join(char *const *items, int count) {
 
 class ObjsConfTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_log.clear();
-    saved_ = __kxfs_logfn;
-    __kxfs_logfn = CaptureLog;
-    std::filesystem::remove(g_conf_path);
-  }
-  void TearDown() override {
-    free_was_config_info(&info_);
-    __kxfs_logfn = saved_;
-  }
+  void SetUp() override { std::filesystem::remove(g_conf_path); }
+  void TearDown() override { free_was_config_info(&info_); }
 
   static void Write(const std::string &text) { std::ofstream(g_conf_path) << text; }
 
@@ -97,7 +77,7 @@ class ObjsConfTest : public ::testing::Test {
   }
 
   cla_was_config_info info_{};
-  kxfs_logfn_t saved_ = nullptr;
+  vdtest::LogCapture log_;
 };
 
 constexpr char kMinimal[] = "objs_id=c1,access_host_ports=h1,namespaces=ns1\n";
@@ -191,13 +171,13 @@ TEST_F(ObjsConfTest, EndpointLimitDropsTheRestWithAWarning) {
   EXPECT_EQ(CLA_MAX_HOST_PORTS, info_.config[0]->hosts_cnt);
   EXPECT_STREQ("b:56", info_.config[0]->host_ports[255]);
   EXPECT_EQ(std::vector<std::string>{"2:Too many host-port pairs specified in OBJS config.\n"},
-            g_log);
+            log_.Lines());
 }
 
 TEST_F(ObjsConfTest, SecondHostListIsIgnored) {
   ASSERT_EQ("OK 1", Parse("objs_id=c,namespaces=n,access_host_ports=h1\naccess_host_ports=h2\n"));
   EXPECT_EQ("h1", Hosts(0));
-  EXPECT_EQ(std::vector<std::string>{"2:hosts redefined, ignored.\n"}, g_log);
+  EXPECT_EQ(std::vector<std::string>{"2:hosts redefined, ignored.\n"}, log_.Lines());
 }
 
 TEST_F(ObjsConfTest, ProviderAndAuthenticationNames) {
