@@ -25,6 +25,15 @@ bool event_file_type(dm_eventtype_t event) {
   return type >= 0 && type <= DM_EVENT_MAX_VALUE && ((kEventFileTypes >> type) & 1) != 0;
 }
 
+// Sends a request whose reply length comes back in payload.buflen. The
+// length is stored on failure too: with E2BIG it is the length needed.
+template <typename Payload>
+int call_with_reply_len(int func, Payload &payload, size_t *rlenp) {
+  const int rc = kxdmapi_call_driver(func, &payload, sizeof payload);
+  *rlenp = static_cast<size_t>(payload.buflen);
+  return rc == 0 ? 0 : -1;
+}
+
 }  // namespace
 
 int dm_get_events(dm_sessid_t sid, unsigned int maxmsgs, unsigned int flags, size_t buflen,
@@ -36,10 +45,7 @@ int dm_get_events(dm_sessid_t sid, unsigned int maxmsgs, unsigned int flags, siz
   payload.flags = flags;
   payload.buflen = buflen;
   payload.buf = user_address(bufp);
-  const int rc = kxdmapi_call_driver(DMIG_GET_EVENTS, &payload, sizeof payload);
-  // Stored on failure too: with E2BIG it is the length needed.
-  *rlenp = static_cast<size_t>(payload.buflen);
-  return rc == 0 ? 0 : -1;
+  return call_with_reply_len(DMIG_GET_EVENTS, payload, rlenp);
 }
 
 int dm_find_eventmsg(dm_sessid_t sid, dm_token_t token, size_t buflen, void *bufp, size_t *rlenp) {
@@ -49,9 +55,7 @@ int dm_find_eventmsg(dm_sessid_t sid, dm_token_t token, size_t buflen, void *buf
   payload.token = token;
   payload.buflen = buflen;
   payload.buf = user_address(bufp);
-  const int rc = kxdmapi_call_driver(DMIG_FIND_EVENTMSG, &payload, sizeof payload);
-  *rlenp = static_cast<size_t>(payload.buflen);
-  return rc == 0 ? 0 : -1;
+  return call_with_reply_len(DMIG_FIND_EVENTMSG, payload, rlenp);
 }
 
 int dm_respond_event(dm_sessid_t sid, dm_token_t token, dm_response_t response, int reterror,

@@ -180,10 +180,8 @@ extern "C" int dm_fd_to_handle(int fd, void **hanpp, size_t *hlenp) {
     KXDMAPI_TRACE_EXIT("dm_fd_to_handle: could not fcntl, errno/%d\n", errno);
     return -1;
   }
-  size_t len = kxdmapi::reply_handle_len(payload);
-  if (len > DM_HANDLE_MAX) {
-    // A reply the handle record cannot hold is the driver's fault, not ours.
-    errno = EIO;
+  size_t len = 0;
+  if (!kxdmapi::reply_handle_fits(payload, DM_HANDLE_MAX, &len)) {
     KXDMAPI_TRACE_EXIT("dm_fd_to_handle: could not fcntl, errno/%d\n", errno);
     return -1;
   }

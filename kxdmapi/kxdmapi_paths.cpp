@@ -104,10 +104,8 @@ extern "C" int dm_path_to_handle_flags(const char *path, uint32_t flags, void **
     KXDMAPI_TRACE("dm_path_to_handle_flags: failed, errno %d.\n", errno);
     return -1;
   }
-  size_t hlen = kxdmapi::reply_handle_len(payload);
-  if (hlen > DM_HANDLE_MAX) {
-    // A reply the handle record cannot hold is the driver's fault, not ours.
-    errno = EIO;
+  size_t hlen = 0;
+  if (!kxdmapi::reply_handle_fits(payload, DM_HANDLE_MAX, &hlen)) {
     KXDMAPI_TRACE("dm_path_to_handle_flags: failed, errno %d.\n", errno);
     return -1;
   }

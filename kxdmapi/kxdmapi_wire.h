@@ -5,6 +5,7 @@
 // big-endian handle fields are assembled byte by byte.
 #pragma once
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -48,6 +49,15 @@ constexpr size_t kPath = 84;     // up to 1,025 bytes
 // Length of the handle a driver reply holds: big-endian bytes 8-9 plus 10.
 inline size_t reply_handle_len(const unsigned char *buf) {
   return static_cast<size_t>(get_be(buf, 8, 2)) + 10;
+}
+
+// The reply's handle length in *len, or false with errno EIO when a handle
+// record cannot hold it: such a reply is the driver's fault, not ours.
+inline bool reply_handle_fits(const unsigned char *buf, size_t max, size_t *len) {
+  *len = reply_handle_len(buf);
+  if (*len <= max) return true;
+  errno = EIO;
+  return false;
 }
 
 }  // namespace kxdmapi
