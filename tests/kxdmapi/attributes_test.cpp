@@ -46,11 +46,11 @@ TEST(AttributesOutsideFsTest, FailuresKeepTheRequestErrnoAndRefuseOversizedValue
   const int fd = open("/dev/null", O_RDONLY);
   unsigned char buf[DM_ATTR_VALUE_MAX + 1] = {};
   size_t rlen = 99;
-  EXPECT_EQ("-1 ENOTTY", OUTCOME(dm_get_dmattr_fd(fd, 0, -1, &kBfst, 32, buf,
-                                                  &rlen)));  // no driver here: the request was made
+  // No driver here: the request was made.
+  EXPECT_EQ("-1 ENOTTY", OUTCOME(dm_get_dmattr_fd(fd, 0, -1, &kBfst, 32, buf, &rlen)));
   EXPECT_EQ(0u, rlen);
-  EXPECT_EQ("-1 E2BIG", OUTCOME(dm_set_dmattr_fd(fd, 0, -1, &kBfst, 0, sizeof buf,
-                                                 buf)));  // 129 bytes cannot be sent
+  // 129 bytes cannot be sent.
+  EXPECT_EQ("-1 E2BIG", OUTCOME(dm_set_dmattr_fd(fd, 0, -1, &kBfst, 0, sizeof buf, buf)));
   EXPECT_EQ("-1 EINVAL", OUTCOME(dm_get_dmattr_fd(fd, 0, -1, &kBfst, 32, nullptr, &rlen)));
   close(fd);
 }

@@ -28,19 +28,19 @@ const dm_eventset_t kManaged = DM_EVENT_MANAGED_MASK;
 TEST(EventsOutsideFsTest, MaxeventIsCheckedBeforeTheHandleByHandleFormsOnly) {
   std::array<unsigned char, 24> invalid{};  // fsid 0
   for (unsigned int maxevent : {0u, 41u, 1u, 40u}) {
-    const int expected = maxevent == 0 || maxevent == 41 ? EINVAL : EBADF;
-    errno = 0;
-    EXPECT_EQ(-1, dm_update_eventlist(0, invalid.data(), 24, -1, &kNone, &kManaged, maxevent));
-    EXPECT_EQ(expected, errno) << maxevent;
-    errno = 0;
-    EXPECT_EQ(-1, dm_set_eventlist(0, invalid.data(), 24, -1, &kNone, maxevent));
-    EXPECT_EQ(expected, errno) << maxevent;
+    const std::string expected = maxevent == 0 || maxevent == 41 ? "-1 EINVAL" : "-1 EBADF";
+    EXPECT_EQ(expected,
+              OUTCOME(dm_update_eventlist(0, invalid.data(), 24, -1, &kNone, &kManaged, maxevent)))
+        << maxevent;
+    EXPECT_EQ(expected, OUTCOME(dm_set_eventlist(0, invalid.data(), 24, -1, &kNone, maxevent)))
+        << maxevent;
   }
   const int fd = open("/dev/null", O_RDONLY);
   EXPECT_EQ("-1 ENOTTY", OUTCOME(dm_update_eventlist_fd(fd, 0, -1, &kNone, &kManaged, 41)));
   close(fd);
-  EXPECT_EQ("-1 EBADF", OUTCOME(dm_set_eventlist(0, DM_GLOBAL_HANP, DM_GLOBAL_HLEN, -1, &kNone,
-                                                 40)));  // valid, but no fsid to send
+  // Valid, but with no fsid to send.
+  EXPECT_EQ("-1 EBADF",
+            OUTCOME(dm_set_eventlist(0, DM_GLOBAL_HANP, DM_GLOBAL_HLEN, -1, &kNone, 40)));
   dm_eventset_t set = 0;
   unsigned int nelem = 0;
   EXPECT_EQ("-1 EINVAL", OUTCOME(dm_get_eventlist(0, invalid.data(), 24, -1, 0, &set, &nelem)));
