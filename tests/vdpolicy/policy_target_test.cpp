@@ -1,4 +1,6 @@
 // Object-storage steering namespaces and replication targets in policy texts.
+#include <utility>
+
 #include "policy_fixture.h"
 
 namespace {
@@ -27,11 +29,21 @@ using PolicyTargetTest = PolicyParseTest;
 
 // ---- Steering namespaces ------------------------------------------------
 
+// n bounds give n + 1 entries, the last without a bound; namespaces fill
+// them in order and missing ones leave entries empty.
 TEST_F(PolicySteeringTest, BoundsAndNamespacesFillTheTable) {
-  EXPECT_EQ("OK", Parse("objs_namespace=1M:1G:small|medium|large"));
-  EXPECT_EQ("1048576=small 1073741824=medium 0=large", Steering(cfg_));
-  EXPECT_STREQ("1M:1G:small|medium|large", cfg_.polcfg_cloud_container);
-  EXPECT_EQ(VDP_ORIGIN_LOCAL, cfg_.polcfg_origin[VDP_SLOT_OBJS_NAMESPACE]);
+  const std::pair<const char *, const char *> cases[] = {
+      {"1M:1G:small|medium|large", "1048576=small 1073741824=medium 0=large"},
+      {"4k:8k:x", "4096=x 8192=(null) 0=(null)"},
+      {"1:2:3:4:5:6:7:8:a|b|c|d|e|f|g|h|i", "1=a 2=b 3=c 4=d 5=e 6=f 7=g 8=h 0=i"},
+  };
+  for (const auto &[spec, steering] : cases) {
+    Reset();
+    EXPECT_EQ("OK", Parse(std::string("objs_namespace=") + spec)) << spec;
+    EXPECT_EQ(steering, Steering(cfg_)) << spec;
+    EXPECT_STREQ(spec, cfg_.polcfg_cloud_container);
+    EXPECT_EQ(VDP_ORIGIN_LOCAL, cfg_.polcfg_origin[VDP_SLOT_OBJS_NAMESPACE]);
+  }
 }
 
 TEST_F(PolicySteeringTest, PlainNamespaceReplacesAnInheritedTable) {
@@ -41,16 +53,6 @@ TEST_F(PolicySteeringTest, PlainNamespaceReplacesAnInheritedTable) {
   EXPECT_EQ(0, cfg_.polcfg_cloud_steer_cnt);
   EXPECT_EQ(nullptr, cfg_.polcfg_cloud_steer_entries[0].container);
   EXPECT_STREQ("bucket-1", cfg_.polcfg_cloud_container);
-}
-
-TEST_F(PolicySteeringTest, FewerNamespacesLeaveEntriesEmpty) {
-  EXPECT_EQ("OK", Parse("objs_namespace=4k:8k:x"));
-  EXPECT_EQ("4096=x 8192=(null) 0=(null)", Steering(cfg_));
-}
-
-TEST_F(PolicySteeringTest, EightBoundsGiveNineEntries) {
-  EXPECT_EQ("OK", Parse("objs_namespace=1:2:3:4:5:6:7:8:a|b|c|d|e|f|g|h|i"));
-  EXPECT_EQ("1=a 2=b 3=c 4=d 5=e 6=f 7=g 8=h 0=i", Steering(cfg_));
 }
 
 TEST_F(PolicySteeringTest, MalformedSpecsAreRefusedWithTheirMessages) {
