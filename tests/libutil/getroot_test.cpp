@@ -44,25 +44,22 @@ class GetRootTest : public ::testing::Test {
   }
 };
 
-TEST_F(GetRootTest, DefaultsWithoutEnvironment) {
-  auto r = Resolve({});
-  ASSERT_TRUE(r.exited_with(0)) << r.err;
-  EXPECT_EQ(
-      "root=/usr/kxfs\nconfig=/usr/kxfs/config\nlogs=/usr/kxfs\ndata=/usr/kxfs/data\n"
-      "debug=/usr/kxfs/debug\nras=/usr/kxfs/ras\nzestats=/usr/kxfs/zestats\nbin=/usr/kxfs/bin\n"
-      "help=/usr/kxfs/help\nlib=/usr/kxfs/lib\noem=/usr/kxfs/config/oem\n"
-      "install=/usr/kxfs/install\nldap=/usr/kxfs/ldap\n",
-      r.out);
-  EXPECT_EQ("", r.err);
+// What PrintAll shows for an installation root, log root and configuration
+// directory.
+std::string Expected(const std::string &root, const std::string &logs, const std::string &conf) {
+  return "root=" + root + "\nconfig=" + conf + "\nlogs=" + logs + "\ndata=" + logs +
+         "/data\ndebug=" + logs + "/debug\nras=" + logs + "/ras\nzestats=" + logs +
+         "/zestats\nbin=" + root + "/bin\nhelp=" + root + "/help\nlib=" + root +
+         "/lib\noem=" + conf + "/oem\ninstall=" + root + "/install\nldap=" + logs + "/ldap\n";
 }
 
-TEST_F(GetRootTest, EachVariableMovesItsSubtree) {
-  auto r = Resolve({{"KXFSROOT", "/opt/x"}, {"KXFSLOGS", "/var/x"}, {"KXFSCONF", "/etc/x"}});
-  EXPECT_EQ(
-      "root=/opt/x\nconfig=/etc/x\nlogs=/var/x\ndata=/var/x/data\ndebug=/var/x/debug\n"
-      "ras=/var/x/ras\nzestats=/var/x/zestats\nbin=/opt/x/bin\nhelp=/opt/x/help\n"
-      "lib=/opt/x/lib\noem=/etc/x/oem\ninstall=/opt/x/install\nldap=/var/x/ldap\n",
-      r.out);
+TEST_F(GetRootTest, DefaultsAndEachVariableMovesItsSubtree) {
+  auto r = Resolve({});
+  ASSERT_TRUE(r.exited_with(0)) << r.err;
+  EXPECT_EQ(Expected("/usr/kxfs", "/usr/kxfs", "/usr/kxfs/config"), r.out);
+  EXPECT_EQ("", r.err);
+  r = Resolve({{"KXFSROOT", "/opt/x"}, {"KXFSLOGS", "/var/x"}, {"KXFSCONF", "/etc/x"}});
+  EXPECT_EQ(Expected("/opt/x", "/var/x", "/etc/x"), r.out);
 }
 
 TEST_F(GetRootTest, EmptyVariableIsUsedAsIs) {
