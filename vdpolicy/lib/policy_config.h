@@ -58,7 +58,7 @@ typedef enum vdp_origin {
 #define VDP_REP_ENCRYPT 0x1000u
 
 /* One object-storage steering entry: files up to file_size (0 for the last
- * entry) go to container; container may be null when the spec named fewer
+ * entry) go to container; container may be null when the value named fewer
  * namespaces than entries. */
 typedef struct steer_entry {
   uint64_t file_size;

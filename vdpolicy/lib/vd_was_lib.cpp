@@ -215,7 +215,7 @@ extern "C" int verify_was_policy_params(const char *objs_id, const char *objs_na
       KxSnprintf(ErrMsg, ErrMsgSz, "couldn't find objs_id %s in %s", objs_id, path);
     rc = -1;
   } else {
-    // Exact and whole: a steering specification passes only when objs.conf
+    // Exact and whole: a steering value passes only when objs.conf
     // lists its whole text as one namespace, just as the policy stores it.
     bool listed = false;
     for (int i = 0; i < found->buckets_cnt && !listed; ++i)
