@@ -56,6 +56,15 @@ TEST_F(PostRestoreFaultTest, UnreadableDirectoryPolicyAttributeIsNotFatal) {
   EXPECT_EQ(header() + fs.path("d1/f") + "\n", fs.log());
 }
 
+// Without an inherited policy, the first open of a directory is the one that
+// reads its own policy attribute, and its failure is reported as such.
+TEST_F(PostRestoreFaultTest, UnopenableDirectoryIsFatal) {
+  RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt()}, "kind=open,path=/d1,count=1,errno=EMFILE");
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("get_dir_vdp: Cannot open " + fs.path("d1") + ", Too many open files\n", r.err);
+  EXPECT_EQ(header(), fs.log()) << "no file of d1 may be reported";
+}
+
 TEST_F(PostRestoreFaultTest, PathToHandleFailureIsFatal) {
   RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt()}, "kind=dmig,code=7,path=/d1,errno=EIO");
   EXPECT_EQ(1, r.status);

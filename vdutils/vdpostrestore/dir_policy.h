@@ -13,7 +13,8 @@
 // `dir_path` in messages). Without one the directory has no policy of its
 // own: result 0, has_vdpd_info false. With one, the policy named by its key
 // is loaded into local_vdp: result 0, or -1 (message written) when it cannot
-// be; has_vdpd_info is then true either way.
+// be; has_vdpd_info is then true either way. The walk opens the directory,
+// and reports a failure to do so as "get_dir_vdp: Cannot open DIR, REASON".
 int get_dir_vdp(int dir_fd, const char *dir_path, std::optional<PolicyView> &local_vdp,
                 bool &has_vdpd_info);
 

@@ -52,6 +52,17 @@ class Walker {
     return false;
   }
 
+  // The directory is opened before anything is asked of it, so a failure is
+  // reported as the open it stands for: without an inherited policy the
+  // first thing done with the directory is reading its own policy
+  // attribute, whose open has always been reported by get_dir_vdp; with one
+  // it is listing the entries.
+  bool fail_open(bool policy_inherited) {
+    if (policy_inherited) return fail("open directory");
+    ErrPrintf("get_dir_vdp: Cannot open %s, %s\n", path_.c_str(), std::strerror(errno));
+    return false;
+  }
+
   // Works out the policy view and relation point of the directory open on
   // `fd` (steps that precede reading its entries).
   bool examine_directory(int fd, uint64_t ino, std::optional<PolicyView> vdp, bool tsm_managed,
@@ -75,7 +86,7 @@ class Walker {
                          bool tsm_managed) {
     VPrintf(1, "Processing directory %s.\n", path_.c_str());
     UniqueFd fd = open_directory(parent_fd, name);
-    if (!fd) return fail("open directory");
+    if (!fd) return fail_open(vdp.has_value());
     struct stat stat_buff;
     if (fstat(fd.get(), &stat_buff) != 0) return fail("stat directory");
     KX_ASSERT(S_ISDIR(stat_buff.st_mode));
