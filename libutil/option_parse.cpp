@@ -85,6 +85,8 @@ struct OptionRead {
   size_t err_len;
 
   void Fail(const char *format, ...) const __attribute__((format(printf, 2, 3)));
+  // Adds to the message already in err_msg (cut, like it, to err_len).
+  void Append(const char *format, ...) const __attribute__((format(printf, 2, 3)));
   int Key() const { return PrintLen(name_len); }
 };
 
@@ -93,6 +95,15 @@ void OptionRead::Fail(const char *format, ...) const {
   va_list ap;
   va_start(ap, format);
   KxVsnprintf(err_msg, err_len, format, ap);
+  va_end(ap);
+}
+
+void OptionRead::Append(const char *format, ...) const {
+  if (err_msg == nullptr || err_len == 0) return;
+  size_t used = strnlen(err_msg, err_len - 1);
+  va_list ap;
+  va_start(ap, format);
+  KxVsnprintf(err_msg + used, err_len - used, format, ap);
   va_end(ap);
 }
 
@@ -149,9 +160,10 @@ int ParseValue(const Option &row, const OptionRead &rd, const char **cursor, uin
       return PARSE_OPTION_ERROR;
     }
   } else if (interval) {
-    char msg[256];
-    if (!parse_interval(cursor, int_value, msg, sizeof msg)) {
-      rd.Fail("%sOption: '%.*s=%s'\n", msg, rd.Key(), rd.keyword, value);
+    // The interval's own message goes straight into the caller's buffer so
+    // that a long value is cut only where the caller's buffer ends.
+    if (!parse_interval(cursor, int_value, rd.err_msg, rd.err_len)) {
+      rd.Append("Option: '%.*s=%s'\n", rd.Key(), rd.keyword, value);
       return PARSE_OPTION_ERROR;
     }
   } else {

@@ -195,6 +195,13 @@ TEST_F(ParseOptionTest, MessageBuffersMayBeSmallOrAbsent) {
   EXPECT_STREQ("Unrecog", msg);
   text = "name=x";  // no string buffer: any string is too long
   EXPECT_EQ(PARSE_OPTION_ERROR, parse_option(&text, kTable, &v, nullptr, 0, msg, sizeof msg));
+  // A long interval's message fills a large buffer; it is not cut short.
+  const std::string value = std::string(250, ' ') + "x", option = "age=" + value;
+  char big[600];
+  text = option.c_str();
+  EXPECT_EQ(PARSE_OPTION_ERROR, parse_option(&text, kTable, &v, nullptr, 0, big, sizeof big));
+  EXPECT_EQ(BadTime(value.c_str(), 251, "invalid character", option.c_str()),
+            "ERR " + std::string(big));
 }
 
 TEST(ValueParsers, OctalAndHexEdges) {
