@@ -38,7 +38,7 @@ TEST_F(PolicyParseTest, CommasSeparateAndCommentLinesAreSkipped) {
 // Each row is a text of a policy with key 5 and the one message it gets.
 TEST_F(PolicyParseTest, SyntaxErrorsNameTheLineAndTheCause) {
   const std::string at = "Policy syntax error line ";
-  const std::pair<const char *, std::string> cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       // Blanks and trailing comments are no separators.
       {"dedup=on, key=5", at + "1 for key: 5: Unrecognized option: ' key=5'"},
       {"dedup=true # on\n", at + "1 for key: 5: Unrecognized option: ' # on'"},
@@ -64,6 +64,8 @@ TEST_F(PolicyParseTest, SyntaxErrorsNameTheLineAndTheCause) {
       // Options given twice, synonyms included, say no more than where.
       {"dedup=on,dedup=off", at + "1 for key: 5"},
       {"objs_id=a\nwas_id=b\n", at + "2 for key: 5"},
+      // A reason cut to the parser's 511 characters loses its last one.
+      {std::string(600, 'x'), at + "1 for key: 5: Unrecognized option: '" + std::string(488, 'x')},
   };
   for (const auto &[text, message] : cases) {
     Reset();

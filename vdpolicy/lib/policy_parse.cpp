@@ -74,11 +74,11 @@ void report_syntax_error(ParseContext &ctx, int line_no, const char *option_msg)
     KxSnprintf(msg, sizeof msg, "Policy syntax error line %d for name: %s", line_no,
                policy->polcfg_name != nullptr ? policy->polcfg_name : "(null)");
   // parse_option's messages end in a line feed, which the combined
-  // one-line message drops.
+  // one-line message drops. A message cut to fit its buffer has lost that
+  // line feed, and then loses its last character instead.
   std::size_t len = std::strlen(option_msg);
-  if (len > 0 && option_msg[len - 1] == '\n') --len;
-  if (option_msg[0] != '\0')
-    vdpol::fail(ctx, "%s: %.*s", msg, static_cast<int>(len), option_msg);
+  if (len > 0)
+    vdpol::fail(ctx, "%s: %.*s", msg, static_cast<int>(len - 1), option_msg);
   else
     vdpol::fail(ctx, "%s", msg);
   RasEvent("SL_EVT_REP_DEDUPE_COMM", "%s", msg);
