@@ -58,7 +58,7 @@ extern "C" void parser_usage(const Option *table) {
       else if (syntax == "%s")
         placeholder = "<string>";
       else if (!syntax.empty() && syntax.front() == '|')
-        placeholder = syntax;
+        placeholder = syntax.substr(1);  // the choice list, as in its error
       line = std::string(name.substr(0, eq + 1)) + placeholder;
     }
     if (line.size() < 30)

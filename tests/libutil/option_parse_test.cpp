@@ -277,6 +277,7 @@ TEST(Usage, ListsVisibleRowsWithTheirPlaceholders) {
       {"flag", 1, 0, 0, "a flag", 0, VDOPT_BOOL, 0},
       {"size=%D", 2, 0, 0, "a size", 0, VDOPT_UINT64, 0},
       {"age=%t", 3, 0, 0, nullptr, 0, VDOPT_UINT32, 0},
+      {"mode=|on,true|off", 7, 0, 0, "a choice", 0, VDOPT_BITMASK, 0},
       {"secret=%s", 4, 0, 0, "hidden", 1, VDOPT_STR_DYNAMIC, 0},
       {"internal=%s", PARSE_OPTION_HIDDEN, 0, 0, "hidden", 0, VDOPT_STR_DYNAMIC, 0},
       {"a_very_long_keyword_for_listing=%b", 5, 0, 0, "long", 0, VDOPT_BOOL, 0},
@@ -287,6 +288,7 @@ TEST(Usage, ListsVisibleRowsWithTheirPlaceholders) {
       "  flag                          a flag\n"
       "  size=<value>[k|m|g]           a size\n"
       "  age=<value>[k|m|g]            \n"
+      "  mode=on,true|off              a choice\n"
       "  a_very_long_keyword_for_listing=<boolean>\n"
       "                                long\n"
       "  another_very_long_keyword_here=<value>\n",
