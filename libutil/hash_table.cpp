@@ -286,13 +286,16 @@ int vd_hash_delete_uint64_val(vd_hash_t *table, uint64_t key) {
 }
 
 void vd_hash_iterate_uint64_val(vd_hash_t *table, void *arg, vd_hash_iter_fn callback) {
-  if (table == nullptr || callback == nullptr || table->type == kTypeName) return;
+  if (table == nullptr || callback == nullptr) return;
   for (uint32_t i = 0; i < table->nbuckets; ++i) {
     vd_hash_entry *next = nullptr;
     for (vd_hash_entry *e = table->buckets[i].head; e != nullptr; e = next) {
       next = e->next;  // the callback may delete e
-      void *value = table->type == kTypeUint64Val ? value_area(e) : *value_slot(e);
-      callback(arg, e->key.id, value);
+      // Every flavour hands over its raw 8-byte key and the address of its
+      // value, so one callback shape serves all three.
+      const uint64_t key =
+          table->type == kTypeName ? reinterpret_cast<uintptr_t>(e->key.name) : e->key.id;
+      callback(arg, key, value_area(e));
     }
   }
 }

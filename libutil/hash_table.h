@@ -51,9 +51,10 @@ int vd_hash_delete_uint64(vd_hash_t *table, uint64_t key);
 int vd_hash_delete_uint64_val(vd_hash_t *table, uint64_t key);
 
 /* callback(arg, key, value) for every entry: buckets in index order, each
- * chain from head to tail. `value` is the pointer to the inline value (type 3)
- * or the stored value (64-bit keys); string-key tables are not iterated. The
- * callback may delete the entry it was given, nothing else. */
+ * chain from head to tail. `value` points to the entry's value: the inline
+ * bytes (type 3) or the slot holding the stored pointer (the other flavours).
+ * `key` is the 64-bit key, or for string keys the address of the table's copy
+ * of the name. The callback may delete the entry it was given, nothing else. */
 typedef void (*vd_hash_iter_fn)(void *arg, uint64_t key, void *value);
 void vd_hash_iterate_uint64_val(vd_hash_t *table, void *arg, vd_hash_iter_fn callback);
 

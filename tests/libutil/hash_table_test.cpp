@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/log_capture.h"
@@ -123,6 +124,24 @@ TEST_F(HashTableTest, IterateBucketsInOrderChainsFromHead) {
   });
   EXPECT_EQ("3=30 0=0 4=40 1=10 5=50 2=20 ", visit.order);
   EXPECT_EQ(nullptr, vd_hash_search_uint64_val(t, 4));
+}
+
+TEST_F(HashTableTest, IterateVisitsPointerFlavoursWithTheirValueSlots) {
+  vd_hash_t *names = Make(vd_hash_create(2));
+  vd_hash_t *ids = Make(vd_hash_create_uint64(2));
+  void **name_slot = vd_hash_insert(names, "n", Str("v"));
+  void **id_slot = vd_hash_insert_uint64(ids, 9, std::malloc(1));
+  std::vector<std::pair<uint64_t, void *>> seen;
+  const vd_hash_iter_fn record = [](void *arg, uint64_t key, void *value) {
+    static_cast<std::vector<std::pair<uint64_t, void *>> *>(arg)->emplace_back(key, value);
+  };
+  vd_hash_iterate_uint64_val(names, &seen, record);
+  vd_hash_iterate_uint64_val(ids, &seen, record);
+  ASSERT_EQ(2u, seen.size());
+  EXPECT_STREQ("n", reinterpret_cast<const char *>(seen[0].first));  // the table's copy
+  EXPECT_EQ(static_cast<void *>(name_slot), seen[0].second);
+  EXPECT_EQ(9u, seen[1].first);
+  EXPECT_EQ(static_cast<void *>(id_slot), seen[1].second);
 }
 
 TEST_F(HashTableTest, MoveToFrontReordersChain) {
