@@ -12,6 +12,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "libutil/kxras_clock.h"
 #include "libutil/mutex.h"
 #include "libutil/priv_check.h"
 #include "libutil/snprintf.h"
@@ -57,7 +58,15 @@ ras_client *find_or_add(ras_client_list &list, const void *client) {
   return c;
 }
 
+uint32_t system_seconds() {
+  return static_cast<uint32_t>(std::time(nullptr));
+}
+
 }  // namespace
+
+namespace kx::ras {
+ClockFn clock_seconds = system_seconds;
+}  // namespace kx::ras
 
 extern "C" {
 
@@ -100,7 +109,7 @@ int RasEvent(const char *event_name, const char *format, ...) {
 
 int NeedPerClntRas(int cls, const void *client) {
   if (cls < 0 || cls >= KX_RAS_CLIENT_CLASSES || client == nullptr) return 1;
-  const auto now = static_cast<uint32_t>(std::time(nullptr));
+  const uint32_t now = kx::ras::clock_seconds();
   kx::MutexLock lock(&ras_clnt_lock);
   ras_client *c = find_or_add(LastRasClientEventTime[cls], client);
   if (c == nullptr) return 1;  // better a repeated event than a lost one

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "libutil/kxras_clock.h"
 #include "libutil/priv_check.h"
 #include "support/test_support.h"
 
@@ -110,6 +111,22 @@ TEST_F(NeedPerClntRasTest, ClientsAndClassesAreThrottledApart) {
   EXPECT_EQ(1, NeedPerClntRas(0, b.data()));
   EXPECT_EQ(1, NeedPerClntRas(1, a.data()));
   EXPECT_EQ(0, NeedPerClntRas(1, a.data()));
+}
+
+uint32_t g_now = 0;
+
+TEST_F(NeedPerClntRasTest, NextEventPassesOnlyAfterAFullHour) {
+  const kx::ras::ClockFn saved = kx::ras::clock_seconds;
+  kx::ras::clock_seconds = [] { return g_now; };
+  auto a = NewClient();
+  std::string passed;
+  // The hour counts from the last event let through, and must be exceeded.
+  for (uint32_t later : {0u, 3600u, 3601u, 7201u, 7202u}) {
+    g_now = 1700000000u + later;
+    passed += std::to_string(NeedPerClntRas(0, a.data()));
+  }
+  kx::ras::clock_seconds = saved;
+  EXPECT_EQ("10101", passed);
 }
 
 TEST_F(NeedPerClntRasTest, BadArgumentsLetTheEventThrough) {
