@@ -197,7 +197,7 @@ TEST_F(PolicyParseTest, LaterNamesAreIgnored) {
 }
 
 TEST_F(PolicyParseTest, InheritedValuesAreReplacedNotDuplicates) {
-  ASSERT_EQ(0, init_policy_config_from(&cfg_, &Global_Policy_Config));
+  merge_policy(&cfg_, &Global_Policy_Config);
   EXPECT_EQ("OK", Parse("dedup=on,dedup_bfst=pool1,trunc_age=1h"));
   EXPECT_STREQ("pool1", cfg_.polcfg_dedup_bfst);
   EXPECT_EQ(3600u, cfg_.polcfg_trunc_age);
@@ -263,8 +263,6 @@ TEST_F(PolicyParseTest, RealizeLosesTrailingSlashes) {
   EXPECT_STREQ("", cfg_.polcfg_realize);
 }
 
-TEST_F(PolicyParseTest, ExplicitParentIsNotMergedWithoutAStore) {
-  EXPECT_EQ("OK", Parse("inherit=parent,dedup", 1));
-  EXPECT_STREQ("parent", cfg_.polcfg_inherit);
-  EXPECT_EQ(VDP_ORIGIN_DEFAULT, cfg_.polcfg_origin[VDP_SLOT_TRUNC_AGE]);
+TEST_F(PolicyParseTest, ExplicitParentThatCannotBeFoundFailsTheParse) {
+  EXPECT_EQ("Failed to inherit policy parent", Parse("inherit=parent,dedup", 1));
 }

@@ -36,10 +36,9 @@ extern PolicyConfig_t Target_Policy_Config;
  * default values; a value the text sets replaces them (an owned string is
  * freed first) and its slot becomes LOCAL. With do_inherit, `root` is stored
  * as "<polcfg_mount>/__KXFS_Handle.<value>" (the value alone without a
- * mount point), and the policy named by `inherit` is merged in; recurse and
- * inheritance[] (VDP_MAX_INHERIT_DEPTH + 1 names) track the chain.
- * Until the policy store is part of the library, that merge is skipped and
- * the parse succeeds without it.
+ * mount point), and the policy named by `inherit` is looked up in the
+ * policy store (policy_store.h; policy_lock held) and merged in; recurse
+ * and inheritance[] (VDP_MAX_INHERIT_DEPTH + 1 names) track the chain.
  * Returns 0, or -1 with one message in ErrMsg (ErrMsgSz bytes; either may be
  * null/0). A syntax error also raises the RAS event SL_EVT_REP_DEDUPE_COMM.
  * After a failure the record holds what was stored before the failing
@@ -49,16 +48,29 @@ int parse_policy_string(dm_fsid_t fsid, PolicyConfig_t *policy, char *options, s
                         int do_inherit, int recurse, const char **inheritance, char *ErrMsg,
                         size_t ErrMsgSz);
 
+/* Loads the stored policy `name` (or, with a null name, `key`) of fsid into
+ * policy (prepared by init_policy_config): reads its file from the policy
+ * store in one read, parses it, and with do_inherit fills what it leaves
+ * unset from its parents; then derives values, compiles the blackout
+ * windows and validates it. A missing file gives a policy built by
+ * inheritance alone, except for a key of 4 or more (an error) and for a
+ * name other than the four reserved ones (an error without a message).
+ * Called with policy_lock held when do_inherit is set. Returns 0 or -1 with
+ * one message in ErrMsg. */
+int parse_policy_file(dm_fsid_t fsid, const char *mount, const char *name, uint64_t key,
+                      PolicyConfig_t *policy, int do_inherit, int recurse,
+                      const char **inheritance, char *ErrMsg, size_t ErrMsgSz);
+
+/* Fills every slot of dst whose origin is still VDP_ORIGIN_DEFAULT from src
+ * (a parent); a slot src set becomes VDP_ORIGIN_INHERITED. dst's mtime
+ * becomes the later of the two. Out of memory ends the merge early (logged;
+ * what was merged stays). */
+void merge_policy(PolicyConfig_t *dst, const PolicyConfig_t *src);
+
 /* Zeroes config and sets the values of a record about to be parsed:
  * version, polcfg_fencepost_gap, polcfg_max_seg_size and polcfg_max_seg_age
  * -1, polcfg_ref 1. */
 void init_policy_config(PolicyConfig_t *config);
-
-/* init_policy_config, then a deep copy of src's values (identity, mtime,
- * file system and mount excluded); each slot that src set is marked
- * VDP_ORIGIN_INHERITED in dst. Returns 0, or -1 with errno ENOMEM after
- * freeing what was copied. */
-int init_policy_config_from(PolicyConfig_t *dst, const PolicyConfig_t *src);
 
 /* Frees every allocation config owns (strings, steering namespaces, targets
  * with their schedules, target names, blackout windows, split filters,

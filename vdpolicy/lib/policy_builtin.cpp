@@ -5,6 +5,7 @@
 #include <initializer_list>
 
 #include "vdpolicy/lib/policy.h"
+#include "vdpolicy/lib/policy_store.h"
 
 namespace {
 
@@ -79,4 +80,9 @@ extern "C" {
 constinit PolicyConfig_t Global_Policy_Config = make_default();
 constinit PolicyConfig_t Config_Policy_Config = make_config();
 constinit PolicyConfig_t Target_Policy_Config = make_target();
+
+// Parents merged directly: no state, no reference count.
+constinit Policy_t Global_Policy = {&Global_Policy_Config, nullptr, 0};
+constinit Policy_t Config_Policy = {&Config_Policy_Config, nullptr, 0};
+constinit Policy_t Target_Policy = {&Target_Policy_Config, nullptr, 0};
 }

@@ -15,22 +15,12 @@
 
 #include "kxdmapi/kxdmapi_types.h"
 #include "vdpolicy/lib/schedule.h"
+#include "vdpolicy/lib/vdp_types.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-typedef uint32_t vdp_pol_ver_t;
-
-/* Where a slot's value came from. */
-typedef enum vdp_origin {
-  VDP_ORIGIN_DEFAULT = 0,
-  VDP_ORIGIN_INHERITED = 1,
-  VDP_ORIGIN_LOCAL = 2
-} vdp_origin_t;
-
-#define VDP_POLCFG_VERSION 0xACE10001u
-#define VDP_NUM_SLOTS 75       /* entries of polcfg_origin */
 #define VDP_MAX_TARGETS 8      /* target words over all rep_target options */
 #define VDP_MAX_STEER_BOUNDS 8 /* file-size bounds of a steering spec */
 /* n bounds name n + 1 namespaces, so eight bounds need nine entries: the

@@ -11,9 +11,23 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "libutil/kxlog.h"
 #include "vdpolicy/lib/policy.h"
 
+#define VDPOL_TRACE(facility, bit, ...)                                   \
+  do {                                                                    \
+    if ((facilities[facility] & (bit)) != 0) __kxfs_debugfn(0, __VA_ARGS__); \
+  } while (0)
+#define VDPOL_STORE_TRACE(...) VDPOL_TRACE(::vdpol::kFacStore, ::vdpol::kTraceStore, __VA_ARGS__)
+
 namespace vdpol {
+
+// Debug traces: the store and inheritance trace on facility 9, the API on
+// the policy library's own facility byte.
+constexpr int kFacStore = 9;
+constexpr unsigned char kTraceStore = 0x10;
+constexpr unsigned char kTraceRecord = 0x1;
+constexpr unsigned char kTraceApi = 0x2;
 
 // Fault injection for the tests of the out-of-memory paths: while it is
 // non-negative, that many more allocations of the policy library succeed
@@ -40,6 +54,15 @@ void free_steer_entries(PolicyConfig_t *config) noexcept;
 
 // Frees a null-terminated array of malloc'd strings.
 void free_string_array(char **array) noexcept;
+
+// Writes name into chain[depth] before a parent is looked up one level
+// deeper. False (with "Policy inheritance too deep" in msg) when depth is
+// outside the chain; a null chain records nothing.
+bool record_in_chain(const char **chain, int depth, const char *name, char *msg,
+                     std::size_t msg_size) noexcept;
+
+// Sets polst_stale on every cached policy of fsid (policy_lock held).
+void mark_fs_stale_locked(dm_fsid_t fsid) noexcept;
 
 // Frees one target and what it owns; null is ignored.
 void free_target(pol_target_t *target) noexcept;

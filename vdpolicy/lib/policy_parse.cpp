@@ -11,6 +11,7 @@
 #include "vdpolicy/lib/policy.h"
 #include "vdpolicy/lib/policy_internal.h"
 #include "vdpolicy/lib/policy_parse_internal.h"
+#include "vdpolicy/lib/policy_store.h"
 
 namespace vdpol {
 
@@ -84,10 +85,25 @@ void report_syntax_error(ParseContext &ctx, int line_no, const char *option_msg)
   RasEvent("SL_EVT_REP_DEDUPE_COMM", "%s", msg);
 }
 
-// Inheritance from the policy named by `inherit`. The parent is found in
-// the policy store, which this library does not hold yet: until it does,
-// the explicit parent is not merged and the parse stands on its own values.
-int inherit_explicit_parent(ParseContext &, dm_fsid_t, int, const char **) {
+// Inheritance from the policy named by `inherit`: the parent is looked up
+// in the store one level deeper, so that a cycle or a chain too deep is
+// caught there, and merged under the values this text set.
+int inherit_explicit_parent(ParseContext &ctx, dm_fsid_t fsid, int recurse,
+                            const char **inheritance) {
+  PolicyConfig_t *policy = ctx.policy;
+  VDPOL_STORE_TRACE("Performing inherit from %s\n", policy->polcfg_inherit);
+  char msg[4096] = "";
+  Policy_t *parent = nullptr;
+  if (vdpol::record_in_chain(inheritance, recurse, policy->polcfg_name, msg, sizeof msg))
+    parent = _lookup_policy(fsid, nullptr, policy->polcfg_inherit, 0, recurse + 1, inheritance,
+                            msg, sizeof msg);
+  if (parent == nullptr) {
+    if (msg[0] == '\0') KxSnprintf(msg, sizeof msg, "Failed to inherit policy %s", policy->polcfg_inherit);
+    vdpol::fail(ctx, "%s", msg);
+    return -1;
+  }
+  merge_policy(policy, parent->pol_config);
+  release_policy_locked(parent);
   return 0;
 }
 

@@ -1,0 +1,239 @@
+// parse_policy_file: one stored policy, from its file in the policy
+// directory to a complete, validated configuration.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "libutil/kxlog.h"
+#include "libutil/snprintf.h"
+#include "vdpolicy/lib/policy.h"
+#include "vdpolicy/lib/policy_dir_cache.h"
+#include "vdpolicy/lib/policy_internal.h"
+#include "vdpolicy/lib/policy_store.h"
+#include "vdpolicy/lib/policy_validate.h"
+
+namespace {
+
+using OwnedText = std::unique_ptr<char, vdpol::FreeDeleter>;
+
+// No policy text comes near this; a larger file is not read into memory.
+constexpr off_t kMaxPolicyFileSize = 16 << 20;
+constexpr uint64_t kFirstFileKey = 4;
+constexpr std::size_t kScratchSize = 4096;
+
+struct FileLoad {
+  dm_fsid_t fsid;
+  const char *mount;
+  const char *name;
+  uint64_t key;
+  PolicyConfig_t *policy;
+  int do_inherit;
+  int recurse;
+  const char **inheritance;
+  char *err;
+  std::size_t err_size;
+
+  void fail(const char *format, ...) const __attribute__((format(printf, 2, 3))) {
+    if (err == nullptr || err_size == 0) return;
+    va_list ap;
+    va_start(ap, format);
+    KxVsnprintf(err, err_size, format, ap);
+    va_end(ap);
+  }
+};
+
+enum class Text { parsed, no_file, failed };
+
+// "<policy directory>/<file name>", or null when the file system has no
+// policy directory (or memory ran out).
+OwnedText policy_file_path(const FileLoad &load) {
+  char *dir = nullptr;
+  char *file = nullptr;
+  if (construct_policy_path(load.fsid, load.mount, load.key, load.name, load.policy, &dir, &file) !=
+      0)
+    return nullptr;
+  OwnedText path(vdpol::dup_joined({dir, "/", file}));
+  std::free(dir);
+  std::free(file);
+  return path;
+}
+
+// Reads the whole file in one read and parses it (steps 1 to 3).
+Text read_and_parse(const FileLoad &load) {
+  OwnedText path = policy_file_path(load);
+  if (!path) return Text::no_file;
+  struct stat st {};
+  if (stat(path.get(), &st) != 0) {
+    if (errno != ENOENT && errno != ENOTDIR) {
+      load.fail("Failed to read policy file");
+      return Text::failed;
+    }
+    if (load.name == nullptr && load.key >= kFirstFileKey) {
+      load.fail("Policy file for key %ld does not exist.\n", static_cast<long>(load.key));
+      return Text::failed;
+    }
+    return Text::no_file;
+  }
+  // A metadata-only restore brings a policy file back with its size but
+  // without its data: such a file reads as zeros and must not be trusted.
+  if (st.st_blocks * 512 < st.st_size) {
+    if (load.name != nullptr)
+      load.fail("Policy file for policy %s  is truncated.\n", load.name);
+    else
+      load.fail("Policy file for key %ld is truncated.\n", static_cast<long>(load.key));
+    return Text::failed;
+  }
+  if (st.st_size > kMaxPolicyFileSize) {
+    load.fail("Failed to read policy file");
+    return Text::failed;
+  }
+  const auto size = static_cast<std::size_t>(st.st_size);
+  OwnedText text(static_cast<char *>(vdpol::mem_alloc(size + 1)));
+  if (!text) {
+    __kxfs_logfn(KXLOG_ERROR, "parse_policy_file: failed to alloc memory.\n");
+    load.fail("memory allocation failure");
+    return Text::failed;
+  }
+  int fd = open(path.get(), O_RDONLY | O_CLOEXEC);
+  ssize_t got = fd >= 0 ? read(fd, text.get(), size) : -1;
+  if (fd >= 0) close(fd);
+  if (got < 0 || static_cast<std::size_t>(got) != size) {
+    load.fail("Failed to read policy file");
+    return Text::failed;
+  }
+  text.get()[size] = '\0';
+  load.policy->polcfg_mtime = st.st_mtime;
+  if (parse_policy_string(load.fsid, load.policy, text.get(), size, load.do_inherit, load.recurse,
+                          load.inheritance, load.err, load.err_size) != 0)
+    return Text::failed;
+  return Text::parsed;
+}
+
+// Merges a parent from the store. A parent that cannot be had is no error:
+// the policy then stands on what it has.
+void inherit_from_store(const FileLoad &load, const char *parent, uint64_t parent_key) {
+  char scratch[kScratchSize] = "";
+  if (!vdpol::record_in_chain(load.inheritance, load.recurse, load.policy->polcfg_name, scratch,
+                              sizeof scratch))
+    return;
+  Policy_t *found = _lookup_policy(load.fsid, load.mount, parent, parent_key, load.recurse + 1,
+                                   load.inheritance, scratch, sizeof scratch);
+  if (found == nullptr) return;
+  merge_policy(load.policy, found->pol_config);
+  release_policy_locked(found);
+}
+
+// Step 4: a policy looked up by name. False when it fails to load.
+bool inherit_by_name(const FileLoad &load, bool had_file) {
+  PolicyConfig_t *p = load.policy;
+  if (p->polcfg_name == nullptr) {
+    p->polcfg_name = vdpol::dup_text(load.name);
+    if (p->polcfg_name == nullptr) {
+      load.fail("memory allocation failure");
+      return false;
+    }
+    p->polcfg_flags |= VDP_FLAG_NAMED;
+    p->polcfg_origin[VDP_SLOT_NAME] = VDP_ORIGIN_LOCAL;
+  }
+  const std::string_view name = load.name;
+  if (name == "default") {
+    merge_policy(p, Global_Policy.pol_config);
+  } else if (name == "global") {
+    VDPOL_STORE_TRACE("Inherit from compiled global policy\n");
+    if (!vdpol::replace_text(&p->polcfg_inherit, "default")) {
+      load.fail("memory allocation failure");
+      return false;
+    }
+    merge_policy(p, Global_Policy.pol_config);
+  } else if (name == "config") {
+    VDPOL_STORE_TRACE("Inherit from compiled config policy\n");
+    p->polcfg_flags &= ~VDP_FLAG_TRUNC;
+    merge_policy(p, Config_Policy.pol_config);
+  } else if (name == "target") {
+    VDPOL_STORE_TRACE("Inherit from compiled target policy\n");
+    merge_policy(p, Target_Policy.pol_config);
+  } else {
+    if (!had_file) return false;  // a named policy exists only as a file
+    VDPOL_STORE_TRACE("Inherit from global policy\n");
+    inherit_from_store(load, "global", 1);
+  }
+  return true;
+}
+
+// Step 5: a policy looked up by key.
+void inherit_by_key(const FileLoad &load) {
+  PolicyConfig_t *p = load.policy;
+  if (load.key == 2) {
+    inherit_from_store(load, "config", 2);
+    p->polcfg_flags &= ~VDP_FLAG_TRUNC;
+    p->polcfg_origin[VDP_SLOT_TRUNC] = VDP_ORIGIN_LOCAL;
+    return;
+  }
+  VDPOL_STORE_TRACE("Key based inherit from global policy\n");
+  inherit_from_store(load, "global", 1);
+}
+
+// Step 6, on the flags in force before any of its changes.
+void derive_values(PolicyConfig_t *p) {
+  const uint32_t flags = p->polcfg_flags;
+  if ((flags & VDP_FLAG_REP_OUTPUT) != 0 && p->polcfg_rep_inline_size != 0) {
+    p->polcfg_trunc_size = std::max<uint64_t>(p->polcfg_trunc_size, p->polcfg_rep_inline_size);
+    p->polcfg_origin[VDP_SLOT_TRUNC_MIN_SIZE] = VDP_ORIGIN_LOCAL;
+  }
+  if ((flags & (VDP_FLAG_DEDUP | VDP_FLAG_OBJS)) != 0 && p->polcfg_dedup_min_size != 0) {
+    p->polcfg_trunc_size = std::max(p->polcfg_trunc_size, p->polcfg_dedup_min_size);
+    p->polcfg_origin[VDP_SLOT_TRUNC_MIN_SIZE] = VDP_ORIGIN_LOCAL;
+    p->polcfg_origin[VDP_SLOT_REP_INLINE_SIZE] = VDP_ORIGIN_LOCAL;
+  }
+  if ((flags & VDP_FLAG_DEDUP) != 0 && p->polcfg_origin[VDP_SLOT_REP_DEDUP] == VDP_ORIGIN_DEFAULT) {
+    p->polcfg_rep_flags |= VDP_REP_DEDUP;
+    p->polcfg_origin[VDP_SLOT_REP_DEDUP] = VDP_ORIGIN_LOCAL;
+  }
+}
+
+bool compile_window(const FileLoad &load, const char *text, sched_entry_t **window,
+                    const char *message) {
+  if (text == nullptr) return true;
+  free_entry(*window);
+  *window = load_entry(text);
+  if (*window != nullptr) return true;
+  load.fail("%s", message);
+  return false;
+}
+
+}  // namespace
+
+extern "C" int parse_policy_file(dm_fsid_t fsid, const char *mount, const char *name, uint64_t key,
+                                 PolicyConfig_t *policy, int do_inherit, int recurse,
+                                 const char **inheritance, char *ErrMsg, size_t ErrMsgSz) {
+  VDPOL_STORE_TRACE("parse_policy_file(%s, %ld,%d)\n", name != nullptr ? name : "(null)",
+                    static_cast<long>(key), recurse);
+  if (policy == nullptr) return -1;
+  const FileLoad load{fsid,     mount,       name,   key,     policy,
+                      do_inherit, recurse, inheritance, ErrMsg, ErrMsgSz};
+  policy->polcfg_key = key;
+  policy->polcfg_fsid = fsid;
+  const Text text = read_and_parse(load);
+  if (text == Text::failed) return -1;
+  if (do_inherit != 0) {
+    if (name != nullptr) {
+      if (!inherit_by_name(load, text == Text::parsed)) return -1;
+    } else {
+      inherit_by_key(load);
+    }
+  }
+  derive_values(policy);
+  if (!compile_window(load, policy->polcfg_ingest_sched_str, &policy->polcfg_ingest_sched,
+                      "Bad ingest blackout window") ||
+      !compile_window(load, policy->polcfg_rep_sched_str, &policy->polcfg_rep_sched,
+                      "Bad replication blackout window"))
+    return -1;
+  return validate_policy(policy, fsid, ErrMsg, ErrMsgSz) != 0 ? 0 : -1;
+}
