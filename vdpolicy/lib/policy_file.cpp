@@ -220,6 +220,8 @@ extern "C" int parse_policy_file(dm_fsid_t fsid, const char *mount, const char *
                       do_inherit, recurse, inheritance, ErrMsg, ErrMsgSz};
   policy->polcfg_key = key;
   policy->polcfg_fsid = fsid;
+  if (inheritance != nullptr && recurse >= 0 && recurse <= VDP_MAX_INHERIT_DEPTH)
+    inheritance[recurse] = name;
   const Text text = read_and_parse(load);
   if (text == Text::failed) return -1;
   if (do_inherit != 0) {

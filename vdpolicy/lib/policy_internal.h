@@ -56,8 +56,9 @@ void free_steer_entries(PolicyConfig_t *config) noexcept;
 void free_string_array(char **array) noexcept;
 
 // Writes name into chain[depth] before a parent is looked up one level
-// deeper. False (with "Policy inheritance too deep" in msg) when depth is
-// outside the chain; a null chain records nothing.
+// deeper; a null name keeps the entry (the lookup name). False (with
+// "Policy inheritance too deep" in msg) when depth is outside the chain; a
+// null chain records nothing.
 bool record_in_chain(const char **chain, int depth, const char *name, char *msg,
                      std::size_t msg_size) noexcept;
 

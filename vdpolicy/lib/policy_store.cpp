@@ -191,7 +191,10 @@ bool record_in_chain(const char **chain, int depth, const char *name, char *msg,
     write_msg(msg, msg_size, "Policy inheritance too deep");
     return false;
   }
-  if (chain != nullptr) chain[depth] = name;
+  // A policy whose text gives no name is in the chain under the name it
+  // was looked up by, which parse_policy_file put there: without it a loop
+  // of such policies would be caught only by the depth limit.
+  if (chain != nullptr && name != nullptr) chain[depth] = name;
   return true;
 }
 

@@ -24,6 +24,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "vdpolicy/lib/policy_slots.h"
 #include "vdpolicy/lib/vdp_types.h"
 
 #ifdef __cplusplus

@@ -1,0 +1,171 @@
+// The policy store under the simulator: which file a key or a name finds,
+// what a missing, truncated or broken file gives, inheritance chains that
+// loop or run too deep, and when the cache reads a file again.
+#include <csignal>
+
+#include "policy_store_fixture.h"
+
+namespace {
+
+using vdtest::PolicyStoreTest;
+
+// ---- Which file a lookup reads --------------------------------------------
+
+TEST_F(PolicyStoreTest, ReservedKeysAndKeyZeroLoadNamedPolicies) {
+  Write("global", "dedup_pri=11\n");
+  Write("target", "rep_pri=33\n");
+  ASSERT_EQ("OK", Load(1));
+  EXPECT_STREQ("global", record->vdp_name);
+  EXPECT_EQ(11u, record->vdp_dedup_pri);
+  ASSERT_EQ("OK", Load(0));  // key 0 without a name is "global" too
+  EXPECT_EQ(11u, record->vdp_dedup_pri);
+  // No "config" file: the compiled one (truncation off, its -1 values).
+  ASSERT_EQ("OK", Load(2));
+  EXPECT_STREQ("config", record->vdp_name);
+  EXPECT_EQ(VDOPT_FALSE, record->vdp_trunc_onoff);
+  EXPECT_EQ(-1, record->vdp_fencepost_gap);
+  ASSERT_EQ("OK", Load(3));
+  EXPECT_EQ(33u, record->vdp_rep_pri);
+  EXPECT_EQ(-1, record->vdp_rep_input_ctrl);  // replication input disabled
+  Write("mine", "trunc_pri=44\n");
+  ASSERT_EQ("OK", Load(0, "mine"));
+  EXPECT_EQ(44u, record->vdp_trunc_pri);
+}
+
+TEST_F(PolicyStoreTest, KeyNamesFindTheKeyFile) {
+  Write("key_7", "dedup_pri=7\n");
+  Policy_t *p = lookup_policy(fsid(), nullptr, "key_7", 0);
+  ASSERT_NE(nullptr, p);
+  EXPECT_EQ(7u, p->pol_config->polcfg_dedup_pri);
+  release_policy(p);
+  EXPECT_EQ(nullptr, lookup_policy(fsid(), nullptr, "key_ab", 0));
+  EXPECT_EQ("", LastError());  // no message for a malformed key name
+}
+
+TEST_F(PolicyStoreTest, MissingFilesFailOnlyForKeysFromFour) {
+  EXPECT_EQ("2: VDPOL: ERROR(2): lookup_policy: key = 7", Load(7));
+  EXPECT_EQ("Policy file for key 7 does not exist.\n\n", LastError());
+  ASSERT_EQ("OK", Load(1));  // no "global" file: the compiled defaults
+  EXPECT_EQ(31536000u, record->vdp_trunc_min_age);
+  EXPECT_EQ("2: VDPOL: ERROR(2): lookup_policy: key = 0", Load(0, "nofile"));
+}
+
+// A metadata-only restore leaves policy files with a size and no blocks.
+TEST_F(PolicyStoreTest, BlocklessPolicyFilesAreTruncated) {
+  ASSERT_TRUE(fs.MakeFile(".rep_private/config/key_8", 100, false));
+  ASSERT_TRUE(fs.MakeFile(".rep_private/config/named", 100, false));
+  EXPECT_EQ("2: VDPOL: ERROR(2): lookup_policy: key = 8", Load(8));
+  EXPECT_EQ("Policy file for key 8 is truncated.\n\n", LastError());
+  Load(0, "named");
+  EXPECT_EQ("Policy file for policy named  is truncated.\n\n", LastError());
+}
+
+TEST_F(PolicyStoreTest, SyntaxAndValidationFailuresAreLoggedAndLoadNothing) {
+  Write("key_9", "dedup=on\ndedup_pri=1000\n");
+  Load(9);
+  EXPECT_EQ("Policy syntax error line 2 for key: 9: Parameter 'dedup_pri' (1000) out of range, "
+            "min 0 max 999\n",
+            LastError());
+  Write("key_10", "name=p10,trunc_low_water=50,trunc_high_water=50\n");
+  Load(10);
+  EXPECT_EQ("Policy 'p10' failed validation:\nReason: the high watermark must be greater than the "
+            "low watermark\nParams: inherit=NULL root=NULL\n",
+            LastError());
+  // Nothing half-inserted: neither policy is in the cache.
+  for (Policy_t *p = policy_hash[9]; p != nullptr; p = p->pol_state->polst_next)
+    EXPECT_NE(9u, p->pol_config->polcfg_key);
+  for (Policy_t *p = policy_hash[10]; p != nullptr; p = p->pol_state->polst_next)
+    EXPECT_NE(10u, p->pol_config->polcfg_key);
+}
+
+// ---- Inheritance chains that cannot end --------------------------------------
+
+TEST_F(PolicyStoreTest, CyclesAndChainsDeeperThanFifteenFail) {
+  Write("key_11", "inherit=a\n");
+  Write("a", "inherit=b\n");
+  Write("b", "inherit=a\n");
+  Load(11);
+  EXPECT_EQ("Cycle detected in policy inheritance\n", LastError());
+
+  // key_12 -> p1 -> ... -> p15 loads (p15 is at depth 15); one more fails.
+  Write("key_12", "inherit=p1\n");
+  for (int i = 1; i < 15; ++i) Write("p" + std::to_string(i), "inherit=p" + std::to_string(i + 1));
+  Write("p15", "dedup_pri=15\n");
+  ASSERT_EQ("OK", Load(12));
+  EXPECT_EQ(15u, record->vdp_dedup_pri);
+  free_policy_caches();
+  Write("p15", "inherit=p16\n");
+  Write("p16", "dedup_pri=16\n");
+  Load(12);
+  EXPECT_EQ("Policy inheritance too deep\n", LastError());
+}
+
+// ---- The cache ----------------------------------------------------------------
+
+TEST_F(PolicyStoreTest, EachFileIsParsedOncePerDirectoryChange) {
+  Write("key_20", "dedup_pri=1\n");
+  Write("key_21", "dedup_pri=2\n");
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_EQ("OK", Load(20));
+    ASSERT_EQ("OK", Load(21));
+  }
+  EXPECT_EQ(3, Parses());  // key_20, key_21 and the "global" they inherit
+
+  // Rewritten in place, the directory's time stands: the cached text stays.
+  Write("key_20", "dedup_pri=5\n");
+  ASSERT_EQ("OK", Load(20));
+  EXPECT_EQ(1u, record->vdp_dedup_pri);
+  EXPECT_EQ(3, Parses());
+
+  // A file created in the directory makes every policy be read again.
+  Write("unrelated", "");
+  BumpDirTime();
+  ASSERT_EQ("OK", Load(20));
+  EXPECT_EQ(5u, record->vdp_dedup_pri);
+  EXPECT_EQ(5, Parses());
+}
+
+TEST_F(PolicyStoreTest, StalePolicyIsReadAgainWhileHeldReferencesStayValid) {
+  Write("key_22", "dedup_pri=1\n");
+  Policy_t *held = lookup_policy(fsid(), nullptr, nullptr, 22);
+  ASSERT_NE(nullptr, held);
+  Write("key_22", "dedup_pri=2\n");  // in place: not noticed by itself
+  stale_policy(fsid(), 22, nullptr);
+  Policy_t *fresh = lookup_policy(fsid(), nullptr, nullptr, 22);
+  ASSERT_NE(nullptr, fresh);
+  EXPECT_EQ(2u, fresh->pol_config->polcfg_dedup_pri);
+  EXPECT_EQ(1u, held->pol_config->polcfg_dedup_pri);
+  release_policy(held);
+  release_policy(fresh);
+
+  mark_policy_cache_stale(fsid());
+  Write("key_22", "dedup_pri=3\n");
+  ASSERT_EQ("OK", Load(22));
+  EXPECT_EQ(3u, record->vdp_dedup_pri);
+}
+
+// The cloud filter is borrowed from the cache: the record's pointer is the
+// cached configuration's own, and it outlives the load's reference.
+TEST_F(PolicyStoreTest, CloudFilterIsBorrowedFromTheCache) {
+  Write("key_23", "objs_skip=*.tmp\n");
+  ASSERT_EQ("OK", Load(23));
+  Policy_t *p = lookup_policy(fsid(), nullptr, nullptr, 23);
+  ASSERT_NE(nullptr, p);
+  EXPECT_EQ(p->pol_config->polcfg_cloud_regex, record->vdp_cloud_regex);
+  release_policy(p);
+}
+
+// ---- Broken reference counts -------------------------------------------------
+
+TEST(PolicyReferenceTest, ReleasingAnUnreferencedPolicyPanics) {
+  vdtest::ChildResult r = vdtest::RunInChild([] {
+    Policy_t policy{};
+    release_policy(&policy);
+  });
+  EXPECT_TRUE(r.killed_by(SIGABRT)) << r.status;
+  EXPECT_NE(std::string::npos,
+            r.err.find("ASSERT failed \"policy->pol_ref > 0\" file vdpolicy/lib/policy, line"))
+      << r.err;
+}
+
+}  // namespace
