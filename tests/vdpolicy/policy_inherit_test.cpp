@@ -24,6 +24,9 @@ TEST_F(PolicyStoreTest, KeyPolicyFillsFromGlobalFileThenCompiledDefaults) {
   // Slots no policy along the chain set stay at their default.
   EXPECT_EQ(VDP_ORIGIN_DEFAULT, r.vdp_origin[VDP_SLOT_TRUNC_SKIP]);
   EXPECT_EQ(VDP_ORIGIN_DEFAULT, r.vdp_origin[VDP_SLOT_REP_COPIES]);
+  // "global", first loaded as the key policy's parent, is a key-0 policy.
+  ASSERT_EQ("OK", Load(1));
+  EXPECT_EQ(0u, record->vdp_key);
 }
 
 TEST_F(PolicyStoreTest, NearestDefinitionWins) {

@@ -67,19 +67,4 @@ TEST_F(PostRestoreRelationPointTest, NoVdeaIsNotARelationPoint) {
   EXPECT_TRUE(grep(r.out, "Dir has attributes.").empty());
 }
 
-// A directory that names a policy cannot be cleaned up without that policy:
-// the run stops there instead of treating its files as unmanaged.
-TEST_F(PostRestoreRelationPointTest, DirectoryWithPolicyKeyEndsTheRun) {
-  fs.mkdir("managed");
-  fs.blockless("managed/x", 100);
-  fs.kxsim({"attr", "set", fs.path("managed"), "BFST",
-            "0000000000000007000000000000000000000000000000000000000000000000"});
-  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ("Unable to open vdpolicy for directory " + fs.path("managed") +
-                ": Function not implemented\n",
-            r.err);
-  EXPECT_TRUE(fs.exists("managed/x"));
-}
-
 }  // namespace

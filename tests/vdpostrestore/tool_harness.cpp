@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -139,14 +141,69 @@ void SimFs::relation_point(const std::string &rel, bool with_events) const {
   if (with_events) kxsim({"events", "set", path(rel), "0x1120"});
 }
 
-std::string SimFs::kxsim(const std::vector<std::string> &args) const {
+void SimFs::policy(const std::string &file, const std::string &text) const {
+  allocated(".rep_private/config/" + file, text);
+}
+
+namespace {
+
+// "BFST": the key in bytes 0-7 and blk_flags in bytes 12-13, big-endian.
+std::string bfst_hex(uint64_t key, uint16_t flags) {
+  char hex[65];
+  std::snprintf(hex, sizeof hex, "%016llx%08x%04x%036x", static_cast<unsigned long long>(key), 0u,
+                static_cast<unsigned>(flags), 0u);
+  return hex;
+}
+
+}  // namespace
+
+void SimFs::keyed_dir(const std::string &rel, uint64_t key) const {
+  mkdir(rel);
+  kxsim({"attr", "set", path(rel), "BFST", bfst_hex(key, 0)});
+}
+
+void SimFs::bfst(const std::string &rel, uint16_t flags) const {
+  kxsim({"attr", "set", path(rel), "BFST", bfst_hex(0, flags)});
+}
+
+void SimFs::policy_info(const std::string &rel) const {
+  for (const char *rep : {"BLOB", "OBJF", "REPL"}) kxsim({"rep", "set", path(rel), rep, "0a0b"});
+  kxsim({"attr", "set", path(rel), "BFST", bfst_hex(0, 0)});
+  kxsim({"events", "set", path(rel), "0x70000000"});
+}
+
+std::string SimFs::objs_conf_dir() const {
+  const fs::path dir = root_ / "conf";
+  fs::create_directories(dir);
+  std::ofstream(dir / "objs.conf")
+      << "objs_id=cloud1,provider=AmazonS3,access_host_ports=localhost:9000\n"
+         "namespaces=bucket1\n";
+  return dir.string();
+}
+
+namespace {
+
+RunResult run_kxsim(const std::string &config, const std::vector<std::string> &args) {
   std::vector<std::string> argv{KXSIM_CLI};
   argv.insert(argv.end(), args.begin(), args.end());
   RunOptions opts;
-  opts.env["KXSIM_CONFIG"] = config_;
+  opts.env["KXSIM_CONFIG"] = config;
   opts.unset_env = {"KXSIM_FAULTS", "KXSIM_LOG"};
-  RunResult r = run_program(argv, opts);
+  return run_program(argv, opts);
+}
+
+}  // namespace
+
+std::string SimFs::kxsim(const std::vector<std::string> &args) const {
+  RunResult r = run_kxsim(config_, args);
   EXPECT_EQ(0, r.status) << "kxsim failed: " << r.err;
+  return r.out;
+}
+
+std::string SimFs::query(const std::vector<std::string> &args) const {
+  RunResult r = run_kxsim(config_, args);
+  if (r.status != 0) return "ERROR";
+  while (!r.out.empty() && (r.out.back() == '\n' || r.out.back() == ' ')) r.out.pop_back();
   return r.out;
 }
 

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -52,9 +53,24 @@ class SimFs {
   // remove and link events (or only the attribute when with_events is false).
   void relation_point(const std::string &rel, bool with_events = true) const;
 
+  // The policy engine's side. policy(): a policy file (with its data) in
+  // the policy directory. keyed_dir(): a directory whose "BFST" names
+  // `key`. bfst(): a file's own "BFST" with `blk_flags`. policy_info(): the
+  // per-file information the engine leaves (external representations
+  // "BLOB", "OBJF", "REPL", "BFST" and event bits 28-30).
+  void policy(const std::string &file, const std::string &text) const;
+  void keyed_dir(const std::string &rel, uint64_t key) const;
+  void bfst(const std::string &rel, uint16_t flags) const;
+  void policy_info(const std::string &rel) const;
+  // A configuration directory with an "objs.conf" naming objs_id "cloud1"
+  // and namespace "bucket1"; pass it as KXFSCONF.
+  std::string objs_conf_dir() const;
+
   // `kxsim ARGS...` with this file system's configuration; fails the test
   // when it does not succeed.
   std::string kxsim(const std::vector<std::string> &args) const;
+  // The same for queries: standard output, or "ERROR" when it failed.
+  std::string query(const std::vector<std::string> &args) const;
 
   // vdpostrestore ARGS... under the simulator. Faults and the request log
   // are switched on when given.

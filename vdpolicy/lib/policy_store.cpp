@@ -223,6 +223,13 @@ Policy_t *_lookup_policy(dm_fsid_t fsid, const char *mount, const char *name, ui
   } else if (name != nullptr && depth >= 1 && in_chain(chain, depth, name)) {
     write_msg(errbuf, errlen, "Cycle detected in policy inheritance");
     return nullptr;
+  } else if (name != nullptr) {
+    // A policy looked up by name is a key-0 policy, whatever key came with
+    // the name ("global" is asked for with key 1 as a parent): otherwise the
+    // cached "global" would carry key 1 or 0 depending on which lookup
+    // happened to load it, and a caller that tells built-in policies by
+    // their key 0 would see the same policy change its nature.
+    key = 0;
   }
   Policy_t *entry = nullptr;
   if (by_key) {

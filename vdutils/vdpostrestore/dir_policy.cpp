@@ -14,8 +14,7 @@ constexpr std::size_t kErrMsgSize = 256;
 constexpr std::size_t kAnswerSize = 80;
 }  // namespace
 
-int get_dir_vdp(int dir_fd, const char *dir_path, std::optional<PolicyView> &local_vdp,
-                bool &has_vdpd_info) {
+int get_dir_vdp(int dir_fd, const char *dir_path, OwnedVdp &loaded, bool &has_vdpd_info) {
   has_vdpd_info = false;
   event_attr_t event_attr;
   dm_attrname_t name = dm_attr_name(kBfstName);
@@ -29,28 +28,20 @@ int get_dir_vdp(int dir_fd, const char *dir_path, std::optional<PolicyView> &loc
   }
   has_vdpd_info = true;
   char err_msg[kErrMsgSize] = {};
-  PolicyView view;
-  switch (load_dir_policy(dir_path, blk_key(event_attr), view, err_msg, sizeof err_msg)) {
-    case PolicyLoad::kLoaded:
-      local_vdp = view;
-      return 0;
-    case PolicyLoad::kOpenFailed:
-      ErrPrintf("Unable to open vdpolicy for directory %s: %s\n", dir_path, err_msg);
-      return -1;
-    case PolicyLoad::kLoadFailed:
-      ErrPrintf("Unable to obtain vdpolicy information for directory %s: %s\n", dir_path, err_msg);
-      return -1;
+  vdpol_hndl_s *handle = nullptr;
+  if (vdpol_open(dir_path, &handle, err_msg, sizeof err_msg) != 0) {
+    ErrPrintf("Unable to open vdpolicy for directory %s: %s\n", dir_path, err_msg);
+    return -1;
   }
-  return -1;
-}
-
-// The policy store is not part of this build: a directory that names a
-// policy cannot have it loaded, and the walk must stop there rather than
-// treat its files as unmanaged.
-PolicyLoad load_dir_policy(const char * /*dir_path*/, uint64_t /*key*/, PolicyView & /*view*/,
-                           char *err_msg, std::size_t err_size) {
-  KxSnprintf(err_msg, err_size, "%s", std::strerror(ENOSYS));
-  return PolicyLoad::kOpenFailed;
+  Vdp_t *record = nullptr;
+  int rc = vdpol_load(handle, nullptr, blk_key(event_attr), &record, err_msg, sizeof err_msg);
+  vdpol_close(&handle);
+  if (rc != 0) {
+    ErrPrintf("Unable to obtain vdpolicy information for directory %s: %s\n", dir_path, err_msg);
+    return -1;
+  }
+  loaded.reset(record);
+  return 0;
 }
 
 void ask_keep_dedup_files(FILE *in) {

@@ -4,10 +4,10 @@
 #include "settings.h"
 
 void derive_policy_flags(DirState &state) {
-  const bool have = state.local_vdp.has_value();
-  state.was_enabled = have && state.local_vdp->vdp_cloud_onoff;
-  state.dedup_enabled = have && state.local_vdp->vdp_dedup_onoff;
-  state.has_builtin_policy = have && state.local_vdp->vdp_key == 0;
+  const Vdp_t *vdp = state.local_vdp;
+  state.was_enabled = vdp != nullptr && vdp->vdp_cloud_onoff == VDOPT_TRUE;
+  state.dedup_enabled = vdp != nullptr && vdp->vdp_dedup_onoff == VDOPT_TRUE;
+  state.has_builtin_policy = vdp != nullptr && vdp->vdp_key == 0;
 }
 
 bool may_strip_policy_info(const DirState &state) {

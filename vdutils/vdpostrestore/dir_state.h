@@ -1,19 +1,20 @@
 // What the walk knows about the directory it is processing.
 #pragma once
 
-#include <cstdint>
-#include <optional>
+#include <memory>
 
-// The fields of a directory's policy summary that the clean-up rules read.
-struct PolicyView {
-  uint64_t vdp_key = 0;
-  bool vdp_dedup_onoff = false;  // deduplicated into the blockpool
-  bool vdp_cloud_onoff = false;  // copied to object storage ("WAS")
+#include "vdpolicy/lib/vd_pol_api.h"
+
+// Owner of a policy record this directory loaded itself.
+struct VdpFree {
+  void operator()(Vdp_t *record) const { vdp_free(&record); }
 };
+using OwnedVdp = std::unique_ptr<Vdp_t, VdpFree>;
 
 struct DirState {
-  std::optional<PolicyView> local_vdp;  // inherited, or loaded for this directory
-  bool has_vdpd_info = false;           // a record was inherited or "BFST" was read
+  const Vdp_t *local_vdp = nullptr;  // inherited, or `loaded`
+  OwnedVdp loaded;                   // loaded for this directory, freed when it is done
+  bool has_vdpd_info = false;        // a record was inherited or "BFST" was read
   bool was_enabled = false;
   bool dedup_enabled = false;
   bool has_builtin_policy = false;  // the policy's key is 0

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <optional>
 
 #include "dir_attrs.h"
 #include "dir_policy.h"
@@ -37,7 +36,7 @@ class Walker {
     if (!root_fits_) return false;  // options.cpp bounds Mount_Point
     // The mount point itself may be reached through a symbolic link, as the
     // administrator named it; nothing below it is.
-    return process_directory(AT_FDCWD, path_.c_str(), std::nullopt, false);
+    return process_directory(AT_FDCWD, path_.c_str(), nullptr, false);
   }
 
  private:
@@ -65,13 +64,15 @@ class Walker {
 
   // Works out the policy view and relation point of the directory open on
   // `fd` (steps that precede reading its entries).
-  bool examine_directory(int fd, uint64_t ino, std::optional<PolicyView> vdp, bool tsm_managed,
+  bool examine_directory(int fd, uint64_t ino, const Vdp_t *vdp, bool tsm_managed,
                          DirState &state) {
-    if (vdp) {
+    if (vdp != nullptr) {
       state.local_vdp = vdp;
       state.has_vdpd_info = true;
-    } else if (get_dir_vdp(fd, path_.c_str(), state.local_vdp, state.has_vdpd_info) < 0) {
+    } else if (get_dir_vdp(fd, path_.c_str(), state.loaded, state.has_vdpd_info) < 0) {
       return false;
+    } else {
+      state.local_vdp = state.loaded.get();
     }
     derive_policy_flags(state);
     if (state.dedup_enabled) ask_keep_dedup_files(stdin);
@@ -82,11 +83,12 @@ class Walker {
     return true;
   }
 
-  bool process_directory(int parent_fd, const char *name, std::optional<PolicyView> vdp,
-                         bool tsm_managed) {
+  // A record inherited from the parent (vdp) is the parent's; one loaded
+  // here is freed when this directory is done.
+  bool process_directory(int parent_fd, const char *name, const Vdp_t *vdp, bool tsm_managed) {
     VPrintf(1, "Processing directory %s.\n", path_.c_str());
     UniqueFd fd = open_directory(parent_fd, name);
-    if (!fd) return fail_open(vdp.has_value());
+    if (!fd) return fail_open(vdp != nullptr);
     struct stat stat_buff;
     if (fstat(fd.get(), &stat_buff) != 0) return fail("stat directory");
     KX_ASSERT(S_ISDIR(stat_buff.st_mode));
