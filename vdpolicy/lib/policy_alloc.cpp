@@ -1,7 +1,11 @@
 // Allocation in the policy library: every string and array a policy record
 // owns comes from here (malloc family, so C callers free it with free), and
-// tests can make allocations fail on purpose.
+// tests can make allocations fail on purpose; and the one way failures
+// reach a caller-supplied message buffer.
+#include <cstdarg>
 #include <cstring>
+
+#include "libutil/snprintf.h"
 
 #include "vdpolicy/lib/policy_internal.h"
 
@@ -62,6 +66,19 @@ bool replace_text(char **field, std::string_view text) noexcept {
   std::free(*field);
   *field = copy;
   return true;
+}
+
+int CallerMessage::fail(int rc, const char *format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  KxVsnprintf(text, sizeof text, format, ap);
+  va_end(ap);
+  publish();
+  return rc;
+}
+
+void CallerMessage::publish() const {
+  if (buf != nullptr && len > 0) KxSnprintf(buf, len, "%s", text);
 }
 
 void free_string_array(char **array) noexcept {

@@ -65,6 +65,20 @@ bool record_in_chain(const char **chain, int depth, const char *name, char *msg,
 // Sets polst_stale on every cached policy of fsid (policy_lock held).
 void mark_fs_stale_locked(dm_fsid_t fsid) noexcept;
 
+// One failure message for a caller-supplied buffer (which may be absent)
+// and for the failure's log line, which needs the text all the same.
+struct CallerMessage {
+  char text[1024] = "";
+  char *buf;
+  std::size_t len;
+
+  CallerMessage(char *caller_buf, std::size_t caller_len) : buf(caller_buf), len(caller_len) {}
+  // Formats the message, copies it to the caller and returns rc.
+  int fail(int rc, const char *format, ...) __attribute__((format(printf, 3, 4)));
+  // Copies text (set by someone else) to the caller.
+  void publish() const;
+};
+
 // Frees one target and what it owns; null is ignored.
 void free_target(pol_target_t *target) noexcept;
 

@@ -2,7 +2,6 @@
 // managed file system, and the summary record of a policy key.
 #include "vdpolicy/lib/vd_pol_api.h"
 
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
@@ -19,28 +18,10 @@ namespace {
 constexpr int kNoPolicy = 2;
 constexpr int kNoMemory = 12;
 constexpr int kInvalid = 22;
-constexpr std::size_t kMsgSize = 1024;
 
 #define API_TRACE(...) VDPOL_TRACE(KXFS_FAC_VDPOLICY, ::vdpol::kTraceApi, __VA_ARGS__)
 
-// The caller's buffer may be absent; the failure log needs the text anyway.
-struct Message {
-  char text[kMsgSize] = "";
-  char *buf;
-  std::size_t len;
-
-  int fail(int rc, const char *format, ...) __attribute__((format(printf, 3, 4))) {
-    va_list ap;
-    va_start(ap, format);
-    KxVsnprintf(text, sizeof text, format, ap);
-    va_end(ap);
-    publish();
-    return rc;
-  }
-  void publish() const {
-    if (buf != nullptr && len > 0) KxSnprintf(buf, len, "%s", text);
-  }
-};
+using Message = vdpol::CallerMessage;
 
 const char *shown(const char *text) { return text != nullptr ? text : "(null)"; }
 
@@ -66,7 +47,7 @@ extern "C" {
 
 int vdpol_open(const char *dir_path, vdpol_hndl_s **handle, char *errbuf, size_t errlen) {
   API_TRACE("Enter: vdpol_open(%s)\n", shown(dir_path));
-  Message msg{"", errbuf, errlen};
+  Message msg(errbuf, errlen);
   vdpol_hndl_s *h = nullptr;
   int rc = handle != nullptr
                ? open_handle(dir_path, h, msg)
@@ -89,7 +70,7 @@ int vdpol_load(vdpol_hndl_s *handle, const char *name, vdp_key_t key, Vdp_t **re
   const dm_fsid_t fsid = handle != nullptr ? handle->VdpDmFsId : 0;
   API_TRACE("Enter: vdpol_load(h=%p nm=%s key=%ld fsid=0x%lx)\n", static_cast<void *>(handle),
             shown(name), static_cast<long>(key), static_cast<unsigned long>(fsid));
-  Message msg{"", errbuf, errlen};
+  Message msg(errbuf, errlen);
   Vdp_t *r = nullptr;
   int rc = 0;
   if (handle == nullptr || record == nullptr) {

@@ -1,6 +1,5 @@
 // The summary record: a flat copy of a cached configuration that the
 // caller owns (except vdp_cloud_regex, borrowed from the cache).
-#include <cstdarg>
 #include <cstdlib>
 
 #include "libutil/kxlog.h"
@@ -13,24 +12,8 @@ namespace {
 constexpr int kNoMemory = 12;
 constexpr int kInvalid = 22;
 constexpr uint32_t kFreedMark = 0xDEAD0000u;
-constexpr std::size_t kMsgSize = 512;
 
-// One message for the caller's buffer and the failure log; the caller's
-// buffer may be absent while the log still wants the text.
-struct Message {
-  char text[kMsgSize] = "";
-  char *buf;
-  std::size_t len;
-
-  int fail(int rc, const char *format, ...) __attribute__((format(printf, 3, 4))) {
-    va_list ap;
-    va_start(ap, format);
-    KxVsnprintf(text, sizeof text, format, ap);
-    va_end(ap);
-    if (buf != nullptr && len > 0) KxSnprintf(buf, len, "%s", text);
-    return rc;
-  }
-};
+using Message = vdpol::CallerMessage;
 
 VdOpt_bool_t bit(uint32_t word, uint32_t mask) { return (word & mask) != 0 ? VDOPT_TRUE : VDOPT_FALSE; }
 
@@ -81,7 +64,7 @@ struct Builder {
   void targets() {
     if (rc != 0) return;
     rc = _pol_targets_to_vdp(c, r, msg.text, sizeof msg.text);
-    if (rc != 0 && msg.buf != nullptr && msg.len > 0) KxSnprintf(msg.buf, msg.len, "%s", msg.text);
+    if (rc != 0) msg.publish();
   }
 
   void fill();
@@ -160,7 +143,7 @@ extern "C" {
 int vdp_alloc(Vdp_t **record, char *errbuf, size_t errlen) {
   auto *r = static_cast<Vdp_t *>(vdpol::mem_calloc(1, sizeof(Vdp_t)));
   if (r == nullptr) {
-    Message msg{"", errbuf, errlen};
+    Message msg(errbuf, errlen);
     int rc = msg.fail(kNoMemory, "Policy: Allocation failed - out of memory");
     __kxfs_logfn(KXLOG_ERROR, "vdp_alloc: failed %d: %s\n", rc, msg.text);
     return rc;
@@ -176,7 +159,7 @@ int vdp_alloc(Vdp_t **record, char *errbuf, size_t errlen) {
 
 int _pol_targets_to_vdp(const PolicyConfig_t *config, Vdp_t *record, char *errbuf, size_t errlen) {
   record->vdp_origin[VDP_SLOT_REP_TARGET] = config->polcfg_origin[VDP_SLOT_REP_TARGET];
-  Message msg{"", errbuf, errlen};
+  Message msg(errbuf, errlen);
   for (uint32_t i = 0; i < config->polcfg_rep_targ_cnt; ++i) {
     const pol_target_t *target = config->polcfg_rep_target[i];
     const char *raw = target != nullptr ? target->raw_target : nullptr;
@@ -210,7 +193,7 @@ int _policy_to_vdp(Vdp_t **record, const PolicyConfig_t *config, char *errbuf, s
   Vdp_t *r = nullptr;
   int rc = vdp_alloc(&r, errbuf, errlen);
   if (rc != 0) return rc;
-  Message msg{"", errbuf, errlen};
+  Message msg(errbuf, errlen);
   Builder builder{r, config, msg};
   builder.fill();
   if (builder.rc != 0) {
