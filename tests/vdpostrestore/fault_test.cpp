@@ -38,13 +38,32 @@ TEST_F(PostRestoreFaultTest, VdeaMissingIsNotARelationPoint) {
   }
 }
 
-TEST_F(PostRestoreFaultTest, UnreadableDirectoryAttributesAreNotFatal) {
+// "VDEA" is there but the events cannot be read: the directory may be a
+// relation point, so nothing below it is touched.
+TEST_F(PostRestoreFaultTest, UnreadableRelationPointEventsKeepTheFiles) {
   fs.relation_point("d1");
-  RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt()}, "kind=ioctl,code=1036,path=/d1,errno=EIO");
+  fs.blockless("d1/sub/g", 100);
+  RunResult r =
+      fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "kind=ioctl,code=1036,path=/d1,errno=EIO");
   ASSERT_EQ(0, r.status) << r.err;
   EXPECT_EQ("Failed to get attributes for directory " + fs.path("d1") + ": Input/output error.\n",
             r.err);
-  EXPECT_EQ(header() + fs.path("d1/f") + "\n", fs.log()) << "treated as no relation point";
+  EXPECT_EQ(toolrun::log_header(fs.mnt(), true), fs.log());
+  EXPECT_TRUE(fs.exists("d1/f"));
+  EXPECT_TRUE(fs.exists("d1/sub/g"));
+  EXPECT_TRUE(toolrun::grep(fs.request_log(), fs.path("d1/sub") + " name=VDEA").empty())
+      << "not asked again";
+}
+
+// Without the mount table the library cannot find the file system and says
+// ENOENT: that is no answer about "VDEA", and the run stops.
+TEST_F(PostRestoreFaultTest, UnlocatableFileSystemIsFatal) {
+  fs.relation_point("d1");
+  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "kind=ioctl,code=0x8010e693,errno=EIO");
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("Failed to get xattr for directory " + fs.mnt() + ": No such file or directory.\n",
+            r.err);
+  EXPECT_TRUE(fs.exists("d1/f"));
 }
 
 TEST_F(PostRestoreFaultTest, UnreadableDirectoryPolicyAttributeIsNotFatal) {

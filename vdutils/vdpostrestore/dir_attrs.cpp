@@ -28,6 +28,10 @@ void check_event_mask(const DmHandle &handle, const char *dir_path, bool &relati
   dm_stat_t dm_stat_buff{};
   if (dm_get_fileattr(kNoSession, handle.hanp, handle.hlen, kNoToken, 0, &dm_stat_buff) != 0) {
     ErrPrintf("Failed to get attributes for directory %s: %s.\n", dir_path, std::strerror(errno));
+    // The storage manager's attribute is there and its events cannot be
+    // read: the directory may well be a relation point, and its files are
+    // kept rather than risked.
+    relation_point = true;
     return;
   }
   if ((dm_stat_buff.dt_emask & kRelationPointEvents) == kRelationPointEvents) {
@@ -44,6 +48,19 @@ bool handle_names(const DmHandle &handle, uint64_t dir_ino) {
   dm_ino_t ino = 0;
   return dm_handle_to_ino(handle.hanp, handle.hlen, &ino) == 0 &&
          ino == (dir_ino & DM_HANDLE_INO_MASK);
+}
+
+// The library answers ENOENT both when the file system has no such
+// attribute and when the library itself cannot locate the file system (no
+// mount-cache record for the handle, or a mount table it cannot read).
+// Only the first means "not a relation point"; the second is a failure to
+// read "VDEA". errno is kept for the message.
+bool file_system_located(const DmHandle &handle) {
+  const int saved = errno;
+  char mount_point[DM_PATH_MAX];
+  const bool located = dm_fshandle_to_mountpoint(handle.hanp, handle.hlen, mount_point) == 0;
+  errno = saved;
+  return located;
 }
 
 }  // namespace
@@ -70,7 +87,7 @@ bool get_dir_attrs(const char *dir_path, uint64_t dir_ino, bool &relation_point)
     check_event_mask(handle, dir_path, relation_point);
     return true;
   }
-  if (errno == ENODATA || errno == ENOENT) {
+  if (errno == ENODATA || (errno == ENOENT && file_system_located(handle))) {
     VPrintf(3, "Not a relation point, no attributes found for directory %s.\n", dir_path);
     return true;
   }

@@ -7,7 +7,9 @@
 // manager's "VDEA" attribute and has the create, remove and link events
 // enabled. Sets relation_point; false (message written) when the directory
 // cannot be resolved to a handle or its "VDEA" cannot be read for a reason
-// other than its absence: the run must then stop.
+// other than its absence: the run must then stop. When "VDEA" is there but
+// the events cannot be read, the directory counts as a relation point: its
+// files are kept.
 //
 // `dir_ino` is the inode number of the directory the walk holds open. The
 // handle is resolved by path, so if the path no longer leads to that
