@@ -209,7 +209,8 @@ std::string SimFs::query(const std::vector<std::string> &args) const {
 
 RunResult SimFs::tool(const std::vector<std::string> &args, const std::string &faults,
                       RunOptions opts) const {
-  std::vector<std::string> argv{VDPOSTRESTORE_BIN};
+  std::vector<std::string> argv = opts.wrapper;
+  argv.push_back(VDPOSTRESTORE_BIN);
   argv.insert(argv.end(), args.begin(), args.end());
   opts.env["KXSIM_CONFIG"] = config_;
   opts.env["KXSIM_LOG"] = request_log_path();

@@ -24,6 +24,7 @@ struct RunOptions {
   std::string stdin_text;
   bool as_nobody = false;  // drop to uid/gid 65534 before exec
   int max_open_files = 0;  // RLIMIT_NOFILE for the program, when non-zero
+  std::vector<std::string> wrapper;  // a command that runs the tool: its argv comes last
 };
 
 // Runs argv[0] with argv, capturing standard output and error.

@@ -16,6 +16,7 @@
 #include "path_buffer.h"
 #include "policy_info.h"
 #include "settings.h"
+#include "stop_signals.h"
 #include "unique_fd.h"
 
 static const char kx_source_path[] = "vdutils/vdpostrestore";
@@ -110,6 +111,7 @@ class Walker {
       const struct dirent *entry = readdir(dir);
       if (entry == nullptr) break;
       VPrintf(3, "Got directory entry: %s\n", entry->d_name);
+      if (stop_requested()) return false;
       if (is_dot_or_dotdot(entry->d_name)) {
         VPrintf(3, "  Skipping entry.\n");
         continue;

@@ -56,13 +56,16 @@ bool apply_file_rules(const FileRef &file, const struct stat &st, const DirState
 
 bool remove_file(const FileRef &file) {
   VPrintf(1, "  %s file %s.\n", Remove_Files ? "Removing" : "Would remove", file.path);
-  if (Remove_Files && unlinkat(file.dir_fd, file.name, 0) != 0) {
-    ErrPrintf("Failed to remove file %s: %s.\n", file.path, std::strerror(errno));
+  if (!Remove_Files) return log_reported_file(file.path);
+  if (!log_removal_ahead(file.path)) return false;
+  if (unlinkat(file.dir_fd, file.name, 0) != 0) {
+    const int err = errno;
+    take_back_removal();
+    ErrPrintf("Failed to remove file %s: %s.\n", file.path, std::strerror(err));
     return false;
   }
-  // Logged after the unlink: a line in the log always means the file is
-  // gone (with -r), and the line reaches the kernel before the next removal.
-  return log_reported_file(file.path);
+  confirm_removal();
+  return true;
 }
 
 StoredElsewhere tag_objid_exists(const FileRef &file) {

@@ -22,8 +22,9 @@ struct FileRef {
 [[nodiscard]] bool apply_file_rules(const FileRef &file, const struct stat &st,
                                     const DirState &dir);
 
-// Reports one file: logs it, and with -r removes it first. False when the
-// removal or the log line failed; a file that was not removed is not logged.
+// Reports one file: logs it, and with -r removes it once its line is in the
+// log. False when the removal or the log line failed; a file that was not
+// removed is not logged.
 [[nodiscard]] bool remove_file(const FileRef &file);
 
 enum class StoredElsewhere { kYes, kNo, kUnreadable };

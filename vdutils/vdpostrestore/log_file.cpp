@@ -1,6 +1,8 @@
 // The log file: the record of every file that the run reported or removed.
 #include "log_file.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -9,15 +11,36 @@
 
 namespace {
 
-bool report_write_failure() {
-  ErrPrintf("Failed to write logfile %s: %s.\n", LogFileName, std::strerror(errno));
+// With -r: the length of the log's complete lines, and what it will be once
+// the line written ahead of the current unlink is confirmed.
+off_t confirmed_length = 0;
+off_t pending_length = 0;
+
+bool report_write_failure(int err) {
+  ErrPrintf("Failed to write logfile %s: %s.\n", LogFileName, std::strerror(err));
   return false;
 }
 
-// With -r a lost line would leave a removal unrecorded, so every write is
-// pushed to the kernel and checked before the walk goes on.
-bool push_if_removing() {
-  if (Remove_Files && std::fflush(LogFile) != 0) return report_write_failure();
+// Cuts the log back to its confirmed lines; errno is kept for the caller.
+void truncate_to_confirmed() {
+  const int saved = errno;
+  const int fd = fileno(LogFile);
+  if (ftruncate(fd, confirmed_length) == 0) (void)lseek(fd, confirmed_length, SEEK_SET);
+  errno = saved;
+}
+
+bool write_all(int fd, const char *data, size_t size) {
+  while (size > 0) {
+    ssize_t n = write(fd, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    if (n == 0) {
+      errno = EIO;
+      return false;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
   return true;
 }
 
@@ -36,17 +59,44 @@ bool open_log_file() {
                      "Files with no allocated blocks in non-managed directories under %s.\n"
                      "These files %s removed.\n\n",
                      Mount_Point, Remove_Files ? "were" : "were not");
-  return push_if_removing();
+  if (!Remove_Files) return true;
+  // From here on -r writes lines to the descriptor itself, so that each is
+  // in the kernel before its file goes.
+  if (std::fflush(LogFile) != 0) return report_write_failure(errno);
+  confirmed_length = pending_length = ftello(LogFile);
+  return true;
 }
 
 bool log_reported_file(const char *path) {
   if (std::fputs(path, LogFile) == EOF || std::fputc('\n', LogFile) == EOF) {
-    return report_write_failure();
+    return report_write_failure(errno);
   }
-  return push_if_removing();
+  return true;
+}
+
+bool log_removal_ahead(const char *path) {
+  const size_t len = std::strlen(path);
+  const int fd = fileno(LogFile);
+  if (!write_all(fd, path, len) || !write_all(fd, "\n", 1)) {
+    const int err = errno;
+    truncate_to_confirmed();
+    report_write_failure(err);
+    ErrPrintf("File %s was not removed.\n", path);
+    return false;
+  }
+  pending_length = confirmed_length + static_cast<off_t>(len + 1);
+  return true;
+}
+
+void confirm_removal() {
+  confirmed_length = pending_length;
+}
+
+void take_back_removal() {
+  truncate_to_confirmed();
 }
 
 bool finish_log_file() {
-  if (std::fflush(LogFile) != 0 || std::ferror(LogFile)) return report_write_failure();
+  if (std::fflush(LogFile) != 0 || std::ferror(LogFile)) return report_write_failure(errno);
   return true;
 }

@@ -1,9 +1,9 @@
 // The log file: the record of every file that the run reported or removed.
 //
-// With -r the log must account for every removal even if the run is killed:
-// each line is handed to the kernel right after its file's unlink, before
-// anything else is removed, so a run stopped at any moment has logged every
-// removed file except at most the one it was removing. A dry run removes
+// With -r the log is written ahead: a file's line reaches the kernel before
+// the file is unlinked, and is taken back if the unlink fails. A run
+// stopped at any moment, even by SIGKILL, has logged every removed file;
+// at most its last line names a file that still exists. A dry run removes
 // nothing and keeps the stream buffered.
 #pragma once
 
@@ -12,9 +12,18 @@
 // opened or (with -r) when the header cannot be written.
 [[nodiscard]] bool open_log_file();
 
-// Appends `path` and a newline. With -r the line is flushed at once. False,
-// with a message, when the line could not be written.
+// Dry run: appends `path` and a newline. False, with a message, when the
+// line could not be written.
 [[nodiscard]] bool log_reported_file(const char *path);
+
+// -r: writes the line of `path` to the kernel before its unlink. False,
+// with messages naming the log and the file not removed, when the whole
+// line could not be written (any part written is taken back).
+[[nodiscard]] bool log_removal_ahead(const char *path);
+// -r: the unlink of the file just logged succeeded / failed (its line is
+// taken back, so the log names only removed files).
+void confirm_removal();
+void take_back_removal();
 
 // Flushes the log at the end of a complete walk. False, with a message,
 // when anything written to it was lost.

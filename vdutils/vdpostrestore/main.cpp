@@ -15,6 +15,7 @@
 #include "log_file.h"
 #include "options.h"
 #include "settings.h"
+#include "stop_signals.h"
 
 namespace {
 
@@ -72,6 +73,7 @@ int run(int argc, char **argv) {
   // fails from here on still leaves a log that says what it was run on.
   if (!open_log_file()) return 1;
   if (!check_mount_point() || !open_dm_session()) return 1;
+  catch_stop_signals();
   if (!walk_tree()) return 1;
   return finish_log_file() ? 0 : 1;
 }
