@@ -123,8 +123,9 @@ int main(int argc, char **argv) {
   std::printf("  open+load+free+close: %.0f loads/s (%.1f us each)\n", ndirs / walk_s,
               walk_s * 1e6 / ndirs);
   std::printf("  policy files parsed: %d (distinct policies: %d)\n", parses, nkeys + 1);
-  std::printf("  cached vdpol_load+vdp_free: %.0f ns = %.2f x stat of the policy directory (%.0f ns)\n",
-              load_ns, load_ns / stat_ns, stat_ns);
+  std::printf(
+      "  cached vdpol_load+vdp_free: %.0f ns = %.2f x stat of the policy directory (%.0f ns)\n",
+      load_ns, load_ns / stat_ns, stat_ns);
   run({"/bin/rm", "-rf", work});
   return parses == nkeys + 1 ? 0 : 1;
 }

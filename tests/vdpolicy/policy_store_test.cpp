@@ -63,14 +63,16 @@ TEST_F(PolicyStoreTest, BlocklessPolicyFilesAreTruncated) {
 TEST_F(PolicyStoreTest, SyntaxAndValidationFailuresAreLoggedAndLoadNothing) {
   Write("key_9", "dedup=on\ndedup_pri=1000\n");
   Load(9);
-  EXPECT_EQ("Policy syntax error line 2 for key: 9: Parameter 'dedup_pri' (1000) out of range, "
-            "min 0 max 999\n",
-            LastError());
+  EXPECT_EQ(
+      "Policy syntax error line 2 for key: 9: Parameter 'dedup_pri' (1000) out of range, "
+      "min 0 max 999\n",
+      LastError());
   Write("key_10", "name=p10,trunc_low_water=50,trunc_high_water=50\n");
   Load(10);
-  EXPECT_EQ("Policy 'p10' failed validation:\nReason: the high watermark must be greater than the "
-            "low watermark\nParams: inherit=NULL root=NULL\n",
-            LastError());
+  EXPECT_EQ(
+      "Policy 'p10' failed validation:\nReason: the high watermark must be greater than the "
+      "low watermark\nParams: inherit=NULL root=NULL\n",
+      LastError());
   // Nothing half-inserted: neither policy is in the cache.
   for (Policy_t *p = policy_hash[9]; p != nullptr; p = p->pol_state->polst_next)
     EXPECT_NE(9u, p->pol_config->polcfg_key);

@@ -37,8 +37,7 @@ TEST_F(PolicyStoreTest, ConcurrentLoadsWhileTheDirectoryChanges) {
       for (int i = 0; i < 200; ++i) {
         const vdp_key_t key = 40 + static_cast<vdp_key_t>((t + i) % (kKeys + 1));
         Vdp_t *r = nullptr;
-        if (vdpol_load(handle_, nullptr, key, &r, nullptr, 0) != 0 || r->vdp_key != key)
-          ++failures;
+        if (vdpol_load(handle_, nullptr, key, &r, nullptr, 0) != 0 || r->vdp_key != key) ++failures;
         Policy_t *held = lookup_policy(fsid(), nullptr, nullptr, key);
         if (held == nullptr) ++failures;
         vdp_free(&r);

@@ -40,7 +40,8 @@ TEST_F(PolicyValidateTest, FirstFailingRuleGivesTheReason) {
       {"objs,objs_id=x", "objs_namespace must be specified when OBJS is turned on"},
       {"objs_id=", "OK"},
       {"objs_id=x", "OBJS must be turned on to configure OBJS-related parameters"},
-      {"trunc_low_water=0,trunc_high_water=90", "high/low watermarks must both be zero or non-zero"},
+      {"trunc_low_water=0,trunc_high_water=90",
+       "high/low watermarks must both be zero or non-zero"},
       {"trunc_low_water=50,trunc_high_water=50",
        "the high watermark must be greater than the low watermark"},
       {"name=me,inherit=me", "A policy can't inherit from itself"},
@@ -51,9 +52,10 @@ TEST_F(PolicyValidateTest, FirstFailingRuleGivesTheReason) {
   cfg_.polcfg_key = 0;
   char err[512] = "";
   EXPECT_EQ(0, validate_policy(&cfg_, 7, err, sizeof err));
-  EXPECT_STREQ("Policy '(null)' failed validation:\nReason: a policy must have a key or a name\n"
-               "Params: inherit=NULL root=NULL",
-               err);
+  EXPECT_STREQ(
+      "Policy '(null)' failed validation:\nReason: a policy must have a key or a name\n"
+      "Params: inherit=NULL root=NULL",
+      err);
 }
 
 TEST_F(PolicyValidateTest, ThrottledRepeatIsReportedToTheCallerOnly) {

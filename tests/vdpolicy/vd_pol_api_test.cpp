@@ -119,9 +119,10 @@ TEST_F(RecordFromConfigTest, TargetsKeepTheirOrderAndAnEmptyOneFails) {
 // Every allocation of a full record fails once in turn: each failure gives
 // 12 with the slot it stopped at, and nothing is returned or leaked.
 TEST_F(RecordFromConfigTest, EveryAllocationFailureGivesTwelveAndNoRecord) {
-  const char *text = "name=n,inherit=i,root=r,ingest_off=@hourly,dedup_skip=d,dedup_bfst=b,"
-                     "objs_id=o,objs_namespace=s,trunc_skip=t,rep_callout=c,rep_name=m,"
-                     "rep_relation=l,rep_skip=k,rep_off=@daily,rep_realize=z,rep_target=target:/a@h:1";
+  const char *text =
+      "name=n,inherit=i,root=r,ingest_off=@hourly,dedup_skip=d,dedup_bfst=b,"
+      "objs_id=o,objs_namespace=s,trunc_skip=t,rep_callout=c,rep_name=m,"
+      "rep_relation=l,rep_skip=k,rep_off=@daily,rep_realize=z,rep_target=target:/a@h:1";
   Parse(text);
   std::set<std::string> messages;
   for (int n = 0;; ++n) {

@@ -59,7 +59,8 @@ TEST_F(PostRestoreFaultTest, UnreadableRelationPointEventsKeepTheFiles) {
 // ENOENT: that is no answer about "VDEA", and the run stops.
 TEST_F(PostRestoreFaultTest, UnlocatableFileSystemIsFatal) {
   fs.relation_point("d1");
-  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "kind=ioctl,code=0x8010e693,errno=EIO");
+  RunResult r =
+      fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "kind=ioctl,code=0x8010e693,errno=EIO");
   EXPECT_EQ(1, r.status);
   EXPECT_EQ("Failed to get xattr for directory " + fs.mnt() + ": No such file or directory.\n",
             r.err);

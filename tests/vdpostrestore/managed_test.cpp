@@ -133,7 +133,8 @@ TEST_F(PostRestoreManagedTest, DedupQuestionDecidesOnceForBlockpoolFiles) {
     const std::string log = managed.log();
     EXPECT_EQ(!c.keep, log.find(managed.path("d1/pooled")) != std::string::npos)
         << "answer '" << c.answer << "'";
-    EXPECT_NE(std::string::npos, log.find(managed.path("d2/lost"))) << "answer '" << c.answer << "'";
+    EXPECT_NE(std::string::npos, log.find(managed.path("d2/lost")))
+        << "answer '" << c.answer << "'";
   }
 }
 
@@ -179,8 +180,9 @@ TEST_F(PostRestoreManagedTest, FailedStripRequestsAreReportedAndPassedOver) {
                         "kind=ioctl,code=1058,path=/k/hole,errno=EIO;"
                         "kind=ioctl,code=1062,path=/k/hole,errno=EIO");
   ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ(1u, grep(r.out, "remove_vdpolicy_info: dm_remove_dmattr failed for BFST, errno=5: "
-                            "Input/output error")
+  EXPECT_EQ(1u, grep(r.out,
+                     "remove_vdpolicy_info: dm_remove_dmattr failed for BFST, errno=5: "
+                     "Input/output error")
                     .size());
   EXPECT_EQ(1u, grep(r.out, "remove_vdpolicy_info: Cannot dm_update_eventlist  " +
                                 fs.path("k/hole") + ", errno=5: Input/output error")

@@ -55,9 +55,9 @@ TEST_F(PostRestoreRemovalTest, KilledRunHasLoggedEveryRemovedFile) {
       if (!fs.exists(rel)) fs.blockless(rel, 100);
     // The unlink request kill_at + 1 kills the tool before the file goes
     // (the rule's shell is the tool's child).
-    RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
-                          "kind=unlink,skip=" + std::to_string(kill_at) +
-                              ",count=1,run=kill -9 $PPID");
+    RunResult r =
+        fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
+                "kind=unlink,skip=" + std::to_string(kill_at) + ",count=1,run=kill -9 $PPID");
     ASSERT_EQ(128 + 9, r.status) << "the tool was not killed: " << r.err;
     std::set<std::string> removed;
     for (const auto &rel : all)
@@ -93,7 +93,12 @@ TEST_F(PostRestoreRemovalTest, FullLogStopsBeforeTheUnlinkAndLeavesNoHalfLine) {
   const std::string copy = fs.root().string() + "/log-copy";
   ASSERT_EQ(0, ::mkdir(small.c_str(), 0700));
   toolrun::RunOptions opts;
-  opts.wrapper = {"/usr/bin/unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
+  opts.wrapper = {"/usr/bin/unshare",
+                  "-m",
+                  "--propagation",
+                  "private",
+                  "/bin/sh",
+                  "-c",
                   "mount -t tmpfs -o size=4k tmpfs " + small + " || exit 99; \"$@\"; rc=$?; cp " +
                       small + "/log " + copy + "; exit $rc",
                   "sh"};
@@ -101,8 +106,8 @@ TEST_F(PostRestoreRemovalTest, FullLogStopsBeforeTheUnlinkAndLeavesNoHalfLine) {
   if (r.status == 99 || (r.status != 1 && r.err.find("unshare") != std::string::npos))
     GTEST_SKIP() << "no private mount namespace: " << r.err;
   EXPECT_EQ(1, r.status);
-  EXPECT_NE(std::string::npos, r.err.find("Failed to write logfile " + small +
-                                          "/log: No space left on device.\n"))
+  EXPECT_NE(std::string::npos,
+            r.err.find("Failed to write logfile " + small + "/log: No space left on device.\n"))
       << r.err;
   EXPECT_NE(std::string::npos, r.err.find(" was not removed.\n")) << r.err;
   const std::string log = toolrun::read_file(copy);

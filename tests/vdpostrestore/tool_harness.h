@@ -22,8 +22,8 @@ struct RunOptions {
   std::map<std::string, std::string> env;  // added to (or replacing) the environment
   std::vector<std::string> unset_env;
   std::string stdin_text;
-  bool as_nobody = false;  // drop to uid/gid 65534 before exec
-  int max_open_files = 0;  // RLIMIT_NOFILE for the program, when non-zero
+  bool as_nobody = false;            // drop to uid/gid 65534 before exec
+  int max_open_files = 0;            // RLIMIT_NOFILE for the program, when non-zero
   std::vector<std::string> wrapper;  // a command that runs the tool: its argv comes last
 };
 

@@ -163,4 +163,17 @@ TEST_F(PostRestoreLongPathTest, LongerPathEndsTheRun) {
   EXPECT_TRUE(fs.exists(dir + "/" + name));
 }
 
+// A line break in a name must not split a log line into two that name
+// other files: such paths are shell-quoted, one per line.
+TEST_F(PostRestoreWalkTest, PathsWithLineBreaksAreQuotedOnOneLine) {
+  fs.blockless("nl\n/fs/keep_me", 100);
+  fs.blockless("cr\r", 100);
+  fs.allocated("fs/keep_me");
+  RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt()});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(sorted({"$'" + fs.path("cr\\r") + "'", "$'" + fs.path("nl\\n/fs/keep_me") + "'"}),
+            logged());
+  EXPECT_EQ(1u, grep(r.out, "  Would remove file $'" + fs.path("nl\\n/fs/keep_me") + "'.").size());
+}
+
 }  // namespace

@@ -16,13 +16,13 @@ extern "C" {
 
 /* Kinds of crack_path, tested in this order. */
 enum crack_kind {
-  CRACK_UNRESOLVED = 2,  /* the path cannot be resolved */
-  CRACK_OTHER_FS = 3,    /* not on the file system the caller named */
-  CRACK_FS_ROOT = 4,     /* the file system's root (inode 2) */
-  CRACK_NO_KEY = 5,      /* "BFST" key 0 or no "BFST" */
-  CRACK_REPLICA = 8,     /* "BFST" flag 0x100 */
-  CRACK_KEY_ROOT = 6,    /* flag 0x4, or the key is the object's inode */
-  CRACK_KEYED = 7        /* any other keyed object */
+  CRACK_UNRESOLVED = 2, /* the path cannot be resolved */
+  CRACK_OTHER_FS = 3,   /* not on the file system the caller named */
+  CRACK_FS_ROOT = 4,    /* the file system's root (inode 2) */
+  CRACK_NO_KEY = 5,     /* "BFST" key 0 or no "BFST" */
+  CRACK_REPLICA = 8,    /* "BFST" flag 0x100 */
+  CRACK_KEY_ROOT = 6,   /* flag 0x4, or the key is the object's inode */
+  CRACK_KEYED = 7       /* any other keyed object */
 };
 
 #define BFST_FLAG_KEY_ROOT 0x4

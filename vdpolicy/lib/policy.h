@@ -58,8 +58,8 @@ int parse_policy_string(dm_fsid_t fsid, PolicyConfig_t *policy, char *options, s
  * Called with policy_lock held when do_inherit is set. Returns 0 or -1 with
  * one message in ErrMsg. */
 int parse_policy_file(dm_fsid_t fsid, const char *mount, const char *name, uint64_t key,
-                      PolicyConfig_t *policy, int do_inherit, int recurse,
-                      const char **inheritance, char *ErrMsg, size_t ErrMsgSz);
+                      PolicyConfig_t *policy, int do_inherit, int recurse, const char **inheritance,
+                      char *ErrMsg, size_t ErrMsgSz);
 
 /* Fills every slot of dst whose origin is still VDP_ORIGIN_DEFAULT from src
  * (a parent); a slot src set becomes VDP_ORIGIN_INHERITED. dst's mtime

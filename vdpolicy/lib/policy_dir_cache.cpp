@@ -74,7 +74,8 @@ int build_pol_dir_cache_locked(void) {
   int count = 0;
   dm_mnt_cache_t *report = dm_report_mnt_cache(&count);
   if (report == nullptr) {
-    __kxfs_logfn(KXLOG_ERROR, "build_pol_dir_cache_locked: dm_report_mnt_cache failed to alloc memory.\n");
+    __kxfs_logfn(KXLOG_ERROR,
+                 "build_pol_dir_cache_locked: dm_report_mnt_cache failed to alloc memory.\n");
     return pol_dir_cnt;
   }
   const auto n = static_cast<size_t>(count);

@@ -25,8 +25,8 @@ extern "C" {
 #define POLICY_DIR_FORMAT "%s/.rep_private/config"
 
 typedef struct pol_dir_cache_entry {
-  char *pdc_dir;         /* "<mount>/.rep_private/config", owned */
-  char *pdc_mount;       /* owned */
+  char *pdc_dir;   /* "<mount>/.rep_private/config", owned */
+  char *pdc_mount; /* owned */
   uint64_t pdc_fsid;
   uint64_t pdc_dir_time; /* directory mtime in ns as last seen; 0 after a rebuild */
 } pol_dir_cache_entry_t;

@@ -216,7 +216,7 @@ extern "C" int parse_policy_file(dm_fsid_t fsid, const char *mount, const char *
   VDPOL_STORE_TRACE("parse_policy_file(%s, %ld,%d)\n", name != nullptr ? name : "(null)",
                     static_cast<long>(key), recurse);
   if (policy == nullptr) return -1;
-  const FileLoad load{fsid,     mount,       name,   key,     policy,
+  const FileLoad load{fsid,       mount,   name,        key,    policy,
                       do_inherit, recurse, inheritance, ErrMsg, ErrMsgSz};
   policy->polcfg_key = key;
   policy->polcfg_fsid = fsid;

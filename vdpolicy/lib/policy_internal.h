@@ -14,8 +14,8 @@
 #include "libutil/kxlog.h"
 #include "vdpolicy/lib/policy.h"
 
-#define VDPOL_TRACE(facility, bit, ...)                                   \
-  do {                                                                    \
+#define VDPOL_TRACE(facility, bit, ...)                                      \
+  do {                                                                       \
     if ((facilities[facility] & (bit)) != 0) __kxfs_debugfn(0, __VA_ARGS__); \
   } while (0)
 #define VDPOL_STORE_TRACE(...) VDPOL_TRACE(::vdpol::kFacStore, ::vdpol::kTraceStore, __VA_ARGS__)

@@ -95,10 +95,11 @@ int inherit_explicit_parent(ParseContext &ctx, dm_fsid_t fsid, int recurse,
   char msg[4096] = "";
   Policy_t *parent = nullptr;
   if (vdpol::record_in_chain(inheritance, recurse, policy->polcfg_name, msg, sizeof msg))
-    parent = _lookup_policy(fsid, nullptr, policy->polcfg_inherit, 0, recurse + 1, inheritance,
-                            msg, sizeof msg);
+    parent = _lookup_policy(fsid, nullptr, policy->polcfg_inherit, 0, recurse + 1, inheritance, msg,
+                            sizeof msg);
   if (parent == nullptr) {
-    if (msg[0] == '\0') KxSnprintf(msg, sizeof msg, "Failed to inherit policy %s", policy->polcfg_inherit);
+    if (msg[0] == '\0')
+      KxSnprintf(msg, sizeof msg, "Failed to inherit policy %s", policy->polcfg_inherit);
     vdpol::fail(ctx, "%s", msg);
     return -1;
   }

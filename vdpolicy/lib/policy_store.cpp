@@ -39,8 +39,12 @@ constexpr const char *kNoMemory = "Memory allocation failure during parse";
 constexpr const char *kReservedNames[] = {nullptr, "global", "config", "target"};
 constexpr uint64_t kFirstFileKey = 4;
 
-unsigned bucket_of_key(uint64_t key) { return static_cast<uint32_t>(key) % POLICY_HASH_SIZE; }
-unsigned bucket_of_name(const char *name) { return vd_name_hash(name) % POLICY_HASH_SIZE; }
+unsigned bucket_of_key(uint64_t key) {
+  return static_cast<uint32_t>(key) % POLICY_HASH_SIZE;
+}
+unsigned bucket_of_name(const char *name) {
+  return vd_name_hash(name) % POLICY_HASH_SIZE;
+}
 
 // A policy looked up by key is filed by its key and one looked up by name
 // (key 0) by its name, so that the next lookup of the same kind finds it,
@@ -51,7 +55,9 @@ unsigned bucket_of(const PolicyConfig_t *config) {
   return bucket_of_name(config->polcfg_name);
 }
 
-PolicyState_t *state_of(Policy_t *p) { return p->pol_state; }
+PolicyState_t *state_of(Policy_t *p) {
+  return p->pol_state;
+}
 
 void destroy_state(PolicyState_t *state) {
   if (free_policy_state_callout != nullptr) free_policy_state_callout(state);

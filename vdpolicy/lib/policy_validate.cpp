@@ -18,7 +18,9 @@ constexpr std::size_t kReportSize = 4096;
 // Object storage rounds to this size, which is also the library's default.
 constexpr uint64_t kObjsMaxRound = 256ULL << 20;
 
-bool is_set(const char *text) { return text != nullptr && text[0] != '\0'; }
+bool is_set(const char *text) {
+  return text != nullptr && text[0] != '\0';
+}
 
 // The object-storage rule; extension receives what the objs.conf check said.
 const char *check_object_storage(PolicyConfig_t *p, char *extension, std::size_t size) {
@@ -29,7 +31,8 @@ const char *check_object_storage(PolicyConfig_t *p, char *extension, std::size_t
   }
   if (p->polcfg_dedup_max_round == kObjsMaxRound) {
     p->polcfg_dedup_max_round = kObjsMaxRound;
-    VDPOL_STORE_TRACE("Setting max round size to 0x%lx\n", static_cast<unsigned long>(kObjsMaxRound));
+    VDPOL_STORE_TRACE("Setting max round size to 0x%lx\n",
+                      static_cast<unsigned long>(kObjsMaxRound));
   }
   if (p->polcfg_cloud_id == nullptr) return "objs_id must be specified when OBJS is turned on";
   if (p->polcfg_cloud_container == nullptr)
@@ -68,7 +71,8 @@ void report(const PolicyConfig_t *p, const char *reason, const char *extension, 
   if (p->polcfg_root != nullptr && get_policy_root_path(p, 1, root) != 0) root[0] = '\0';
   const bool by_root = root[0] != '\0';
   char text[kReportSize];
-  KxSnprintf(text, sizeof text, "Policy '%s%s' failed validation:\nReason: %s%s\nParams: inherit=%s root=%s",
+  KxSnprintf(text, sizeof text,
+             "Policy '%s%s' failed validation:\nReason: %s%s\nParams: inherit=%s root=%s",
              by_root ? "on " : (p->polcfg_name != nullptr ? p->polcfg_name : "(null)"),
              by_root ? root : "", reason, extension,
              p->polcfg_inherit != nullptr ? p->polcfg_inherit : "NULL",

@@ -23,10 +23,13 @@ constexpr int kInvalid = 22;
 
 using Message = vdpol::CallerMessage;
 
-const char *shown(const char *text) { return text != nullptr ? text : "(null)"; }
+const char *shown(const char *text) {
+  return text != nullptr ? text : "(null)";
+}
 
 int open_handle(const char *dir_path, vdpol_hndl_s *&h, Message &msg) {
-  if (dir_path == nullptr) return msg.fail(kInvalid, "VDPOL: ERROR(%d): No path supplied.", kInvalid);
+  if (dir_path == nullptr)
+    return msg.fail(kInvalid, "VDPOL: ERROR(%d): No path supplied.", kInvalid);
   h = static_cast<vdpol_hndl_s *>(vdpol::mem_calloc(1, sizeof(vdpol_hndl_s)));
   if (h == nullptr)
     return msg.fail(kNoMemory, "VDPOL: ERROR(%d): Out of memory: %s.", kNoMemory, dir_path);
@@ -89,8 +92,8 @@ int vdpol_load(vdpol_hndl_s *handle, const char *name, vdp_key_t key, Vdp_t **re
   }
   if (rc == 0) {
     *record = r;
-    API_TRACE("Exit: vdpol_load(h=%p nm=%s key=%ld) OK\n", static_cast<void *>(handle),
-              shown(name), static_cast<long>(key));
+    API_TRACE("Exit: vdpol_load(h=%p nm=%s key=%ld) OK\n", static_cast<void *>(handle), shown(name),
+              static_cast<long>(key));
     return 0;
   }
   __kxfs_logfn(KXLOG_ERROR, "vdpol_load(h=%p nm=%s key=%ld) failed: %s\n",

@@ -15,7 +15,9 @@ constexpr uint32_t kFreedMark = 0xDEAD0000u;
 
 using Message = vdpol::CallerMessage;
 
-VdOpt_bool_t bit(uint32_t word, uint32_t mask) { return (word & mask) != 0 ? VDOPT_TRUE : VDOPT_FALSE; }
+VdOpt_bool_t bit(uint32_t word, uint32_t mask) {
+  return (word & mask) != 0 ? VDOPT_TRUE : VDOPT_FALSE;
+}
 
 // Fills the record field by field; each field's origin is copied just
 // before the field. Stops at the first failure (rc non-zero).
@@ -39,7 +41,8 @@ struct Builder {
     origin(slot);
     if (src == nullptr) return;
     r->*field = vdpol::dup_text(src);
-    if (r->*field == nullptr) rc = msg.fail(kNoMemory, "Policy: Allocation failed - out of memory(%d)", slot);
+    if (r->*field == nullptr)
+      rc = msg.fail(kNoMemory, "Policy: Allocation failed - out of memory(%d)", slot);
   }
 
   // 1 on, 0 off, -1 disabled; a slot that was set without one of the three

@@ -7,6 +7,7 @@
 
 #include "dm_names.h"
 #include "settings.h"
+#include "shown_path.h"
 
 namespace {
 
@@ -27,7 +28,8 @@ constexpr size_t kVdeaBufferSize = 128;  // only the attribute's presence matter
 void check_event_mask(const DmHandle &handle, const char *dir_path, bool &relation_point) {
   dm_stat_t dm_stat_buff{};
   if (dm_get_fileattr(kNoSession, handle.hanp, handle.hlen, kNoToken, 0, &dm_stat_buff) != 0) {
-    ErrPrintf("Failed to get attributes for directory %s: %s.\n", dir_path, std::strerror(errno));
+    ErrPrintf("Failed to get attributes for directory %s: %s.\n", ShownPath(dir_path).c_str(),
+              std::strerror(errno));
     // The storage manager's attribute is there and its events cannot be
     // read: the directory may well be a relation point, and its files are
     // kept rather than risked.
@@ -36,9 +38,9 @@ void check_event_mask(const DmHandle &handle, const char *dir_path, bool &relati
   }
   if ((dm_stat_buff.dt_emask & kRelationPointEvents) == kRelationPointEvents) {
     relation_point = true;
-    VPrintf(3, "Directory %s is under a SM relation point.\n", dir_path);
+    VPrintf(3, "Directory %s is under a SM relation point.\n", ShownPath(dir_path).c_str());
   } else {
-    VPrintf(3, "Directory %s is not under a SM relation point.\n", dir_path);
+    VPrintf(3, "Directory %s is not under a SM relation point.\n", ShownPath(dir_path).c_str());
   }
 }
 
@@ -69,12 +71,12 @@ bool get_dir_attrs(const char *dir_path, uint64_t dir_ino, bool &relation_point)
   relation_point = false;
   DmHandle handle;
   if (dm_path_to_handle(dir_path, &handle.hanp, &handle.hlen) != 0) {
-    ErrPrintf("Failed to get path-to-handle for directory %s: %s.\n", dir_path,
+    ErrPrintf("Failed to get path-to-handle for directory %s: %s.\n", ShownPath(dir_path).c_str(),
               std::strerror(errno));
     return false;
   }
   if (!handle_names(handle, dir_ino)) {
-    ErrPrintf("Directory %s changed while it was being processed.\n", dir_path);
+    ErrPrintf("Directory %s changed while it was being processed.\n", ShownPath(dir_path).c_str());
     return false;
   }
   char buffer[kVdeaBufferSize];
@@ -88,9 +90,11 @@ bool get_dir_attrs(const char *dir_path, uint64_t dir_ino, bool &relation_point)
     return true;
   }
   if (errno == ENODATA || (errno == ENOENT && file_system_located(handle))) {
-    VPrintf(3, "Not a relation point, no attributes found for directory %s.\n", dir_path);
+    VPrintf(3, "Not a relation point, no attributes found for directory %s.\n",
+            ShownPath(dir_path).c_str());
     return true;
   }
-  ErrPrintf("Failed to get xattr for directory %s: %s.\n", dir_path, std::strerror(errno));
+  ErrPrintf("Failed to get xattr for directory %s: %s.\n", ShownPath(dir_path).c_str(),
+            std::strerror(errno));
   return rc >= 0;
 }

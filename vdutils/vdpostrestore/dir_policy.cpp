@@ -8,6 +8,7 @@
 #include "event_attr.h"
 #include "libutil/snprintf.h"
 #include "settings.h"
+#include "shown_path.h"
 
 namespace {
 constexpr std::size_t kErrMsgSize = 256;
@@ -22,7 +23,8 @@ int get_dir_vdp(int dir_fd, const char *dir_path, OwnedVdp &loaded, bool &has_vd
   if (dm_get_dmattr_fd(dir_fd, kNoSession, kNoToken, &name, sizeof event_attr.raw, event_attr.raw,
                        &attr_len) != 0) {
     if (errno != ENODATA && errno != ENOENT) {
-      ErrPrintf("Failed to get xattr for directory %s: %s.\n", dir_path, std::strerror(errno));
+      ErrPrintf("Failed to get xattr for directory %s: %s.\n", ShownPath(dir_path).c_str(),
+                std::strerror(errno));
     }
     return 0;  // no policy of its own
   }
@@ -30,14 +32,16 @@ int get_dir_vdp(int dir_fd, const char *dir_path, OwnedVdp &loaded, bool &has_vd
   char err_msg[kErrMsgSize] = {};
   vdpol_hndl_s *handle = nullptr;
   if (vdpol_open(dir_path, &handle, err_msg, sizeof err_msg) != 0) {
-    ErrPrintf("Unable to open vdpolicy for directory %s: %s\n", dir_path, err_msg);
+    ErrPrintf("Unable to open vdpolicy for directory %s: %s\n", ShownPath(dir_path).c_str(),
+              err_msg);
     return -1;
   }
   Vdp_t *record = nullptr;
   int rc = vdpol_load(handle, nullptr, blk_key(event_attr), &record, err_msg, sizeof err_msg);
   vdpol_close(&handle);
   if (rc != 0) {
-    ErrPrintf("Unable to obtain vdpolicy information for directory %s: %s\n", dir_path, err_msg);
+    ErrPrintf("Unable to obtain vdpolicy information for directory %s: %s\n",
+              ShownPath(dir_path).c_str(), err_msg);
     return -1;
   }
   loaded.reset(record);

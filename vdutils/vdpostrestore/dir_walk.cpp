@@ -16,6 +16,7 @@
 #include "path_buffer.h"
 #include "policy_info.h"
 #include "settings.h"
+#include "shown_path.h"
 #include "stop_signals.h"
 #include "unique_fd.h"
 
@@ -48,7 +49,8 @@ class Walker {
 
   // "Failed to <what> <path>: <reason>." for the entry being examined.
   bool fail(const char *what) {
-    ErrPrintf("Failed to %s %s: %s.\n", what, path_.c_str(), std::strerror(errno));
+    ErrPrintf("Failed to %s %s: %s.\n", what, ShownPath(path_.c_str()).c_str(),
+              std::strerror(errno));
     return false;
   }
 
@@ -59,7 +61,8 @@ class Walker {
   // it is listing the entries.
   bool fail_open(bool policy_inherited) {
     if (policy_inherited) return fail("open directory");
-    ErrPrintf("get_dir_vdp: Cannot open %s, %s\n", path_.c_str(), std::strerror(errno));
+    ErrPrintf("get_dir_vdp: Cannot open %s, %s\n", ShownPath(path_.c_str()).c_str(),
+              std::strerror(errno));
     return false;
   }
 
@@ -87,7 +90,7 @@ class Walker {
   // A record inherited from the parent (vdp) is the parent's; one loaded
   // here is freed when this directory is done.
   bool process_directory(int parent_fd, const char *name, const Vdp_t *vdp, bool tsm_managed) {
-    VPrintf(1, "Processing directory %s.\n", path_.c_str());
+    VPrintf(1, "Processing directory %s.\n", ShownPath(path_.c_str()).c_str());
     UniqueFd fd = open_directory(parent_fd, name);
     if (!fd) return fail_open(vdp != nullptr);
     struct stat stat_buff;

@@ -12,6 +12,7 @@
 #include "log_file.h"
 #include "policy_info.h"
 #include "settings.h"
+#include "shown_path.h"
 #include "unique_fd.h"
 
 namespace {
@@ -55,13 +56,14 @@ bool apply_file_rules(const FileRef &file, const struct stat &st, const DirState
 }
 
 bool remove_file(const FileRef &file) {
-  VPrintf(1, "  %s file %s.\n", Remove_Files ? "Removing" : "Would remove", file.path);
+  VPrintf(1, "  %s file %s.\n", Remove_Files ? "Removing" : "Would remove",
+          ShownPath(file.path).c_str());
   if (!Remove_Files) return log_reported_file(file.path);
   if (!log_removal_ahead(file.path)) return false;
   if (unlinkat(file.dir_fd, file.name, 0) != 0) {
     const int err = errno;
     take_back_removal();
-    ErrPrintf("Failed to remove file %s: %s.\n", file.path, std::strerror(err));
+    ErrPrintf("Failed to remove file %s: %s.\n", ShownPath(file.path).c_str(), std::strerror(err));
     return false;
   }
   confirm_removal();
@@ -72,7 +74,7 @@ StoredElsewhere tag_objid_exists(const FileRef &file) {
   UniqueFd fd(openat(file.dir_fd, file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!fd) {
     int err = errno;
-    ErrPrintf("Cannot open WAS managed file %s, errno=%d: %s\n", file.path, err,
+    ErrPrintf("Cannot open WAS managed file %s, errno=%d: %s\n", ShownPath(file.path).c_str(), err,
               std::strerror(err));
     return StoredElsewhere::kUnreadable;
   }
@@ -82,8 +84,8 @@ StoredElsewhere tag_objid_exists(const FileRef &file) {
   if (dm_get_dmattr_fd(fd.get(), kNoSession, kNoToken, &bfst, sizeof event_attr.raw, event_attr.raw,
                        &attr_len) != 0) {
     int err = errno;
-    ErrPrintf("Unable to obtain BFST EA for vdpolicyd managed file %s: %s\n", file.path,
-              std::strerror(err));
+    ErrPrintf("Unable to obtain BFST EA for vdpolicyd managed file %s: %s\n",
+              ShownPath(file.path).c_str(), std::strerror(err));
     return StoredElsewhere::kUnreadable;
   }
   return (blk_flags(event_attr) & kBlkFlagsStoredElsewhere) != 0 ? StoredElsewhere::kYes

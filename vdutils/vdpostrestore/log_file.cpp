@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "settings.h"
+#include "shown_path.h"
 
 namespace {
 
@@ -68,20 +69,22 @@ bool open_log_file() {
 }
 
 bool log_reported_file(const char *path) {
-  if (std::fputs(path, LogFile) == EOF || std::fputc('\n', LogFile) == EOF) {
+  const ShownPath shown(path);
+  if (std::fputs(shown.c_str(), LogFile) == EOF || std::fputc('\n', LogFile) == EOF) {
     return report_write_failure(errno);
   }
   return true;
 }
 
 bool log_removal_ahead(const char *path) {
-  const size_t len = std::strlen(path);
+  const ShownPath shown(path);
+  const size_t len = std::strlen(shown.c_str());
   const int fd = fileno(LogFile);
-  if (!write_all(fd, path, len) || !write_all(fd, "\n", 1)) {
+  if (!write_all(fd, shown.c_str(), len) || !write_all(fd, "\n", 1)) {
     const int err = errno;
     truncate_to_confirmed();
     report_write_failure(err);
-    ErrPrintf("File %s was not removed.\n", path);
+    ErrPrintf("File %s was not removed.\n", shown.c_str());
     return false;
   }
   pending_length = confirmed_length + static_cast<off_t>(len + 1);

@@ -9,6 +9,7 @@
 #include "dm_names.h"
 #include "extapi/kxapi.h"
 #include "settings.h"
+#include "shown_path.h"
 #include "unique_fd.h"
 
 namespace {
@@ -37,15 +38,15 @@ void remove_vdpolicy_info_fd(int fd, const char *path, int is_a_directory) {
   if (dm_update_eventlist_fd(fd, kNoSession, kNoToken, &events_to_set, &events_to_clear,
                              kEventMax) != 0) {
     int err = errno;
-    VPrintf(1, "remove_vdpolicy_info: Cannot dm_update_eventlist  %s, errno=%d: %s\n", path, err,
-            std::strerror(err));
+    VPrintf(1, "remove_vdpolicy_info: Cannot dm_update_eventlist  %s, errno=%d: %s\n",
+            ShownPath(path).c_str(), err, std::strerror(err));
   }
 }
 
 void remove_vdpolicy_info(int dir_fd, const char *name, const char *path) {
   UniqueFd fd(openat(dir_fd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!fd) {
-    VPrintf(1, "remove_vdpolicy_info: Cannot open %s, errno=%d\n", path, errno);
+    VPrintf(1, "remove_vdpolicy_info: Cannot open %s, errno=%d\n", ShownPath(path).c_str(), errno);
     return;
   }
   remove_vdpolicy_info_fd(fd.get(), path, 0);
