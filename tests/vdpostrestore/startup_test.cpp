@@ -141,7 +141,7 @@ TEST_F(PostRestoreStartupTest, OverlongArgumentsAreRefused) {
   std::string mnt1024 = "/" + std::string(1023, 'm');
   r = fs.tool({"-f", fs.log_path(), mnt1024});
   EXPECT_EQ(1, r.status);
-  EXPECT_EQ("Mount point is too long (1024 characters, at most 1023): " + mnt1024 + "\n", r.err);
+  EXPECT_EQ("Mount point is too long (1024 characters, at most 960): " + mnt1024 + "\n", r.err);
   EXPECT_EQ("", r.out);
 }
 

@@ -67,10 +67,12 @@ bool file_system_located(const DmHandle &handle) {
 
 }  // namespace
 
-bool get_dir_attrs(const char *dir_path, uint64_t dir_ino, bool &relation_point) {
+bool get_dir_attrs(int dir_fd, const char *dir_path, uint64_t dir_ino, bool &relation_point) {
   relation_point = false;
   DmHandle handle;
-  if (dm_path_to_handle(dir_path, &handle.hanp, &handle.hlen) != 0) {
+  const bool by_path = std::strlen(dir_path) < DM_PATH_MAX;
+  if ((by_path ? dm_path_to_handle(dir_path, &handle.hanp, &handle.hlen)
+               : dm_fd_to_handle(dir_fd, &handle.hanp, &handle.hlen)) != 0) {
     ErrPrintf("Failed to get path-to-handle for directory %s: %s.\n", ShownPath(dir_path).c_str(),
               std::strerror(errno));
     return false;

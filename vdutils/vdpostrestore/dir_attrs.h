@@ -11,8 +11,10 @@
 // the events cannot be read, the directory counts as a relation point: its
 // files are kept.
 //
-// `dir_ino` is the inode number of the directory the walk holds open. The
-// handle is resolved by path, so if the path no longer leads to that
+// `dir_ino` is the inode number of the directory the walk holds open on
+// `dir_fd`. The handle is resolved by path (by the descriptor when the path
+// is too long for the driver), so if the path no longer leads to that
 // directory (it was replaced while the tool ran) the answer would describe
 // another one; that also stops the run.
-[[nodiscard]] bool get_dir_attrs(const char *dir_path, uint64_t dir_ino, bool &relation_point);
+[[nodiscard]] bool get_dir_attrs(int dir_fd, const char *dir_path, uint64_t dir_ino,
+                                 bool &relation_point);

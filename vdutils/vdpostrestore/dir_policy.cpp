@@ -15,7 +15,8 @@ constexpr std::size_t kErrMsgSize = 256;
 constexpr std::size_t kAnswerSize = 80;
 }  // namespace
 
-int get_dir_vdp(int dir_fd, const char *dir_path, OwnedVdp &loaded, bool &has_vdpd_info) {
+int get_dir_vdp(int dir_fd, const char *dir_path, const char *policy_path, OwnedVdp &loaded,
+                bool &has_vdpd_info) {
   has_vdpd_info = false;
   event_attr_t event_attr;
   dm_attrname_t name = dm_attr_name(kBfstName);
@@ -31,7 +32,7 @@ int get_dir_vdp(int dir_fd, const char *dir_path, OwnedVdp &loaded, bool &has_vd
   has_vdpd_info = true;
   char err_msg[kErrMsgSize] = {};
   vdpol_hndl_s *handle = nullptr;
-  if (vdpol_open(dir_path, &handle, err_msg, sizeof err_msg) != 0) {
+  if (vdpol_open(policy_path, &handle, err_msg, sizeof err_msg) != 0) {
     ErrPrintf("Unable to open vdpolicy for directory %s: %s\n", ShownPath(dir_path).c_str(),
               err_msg);
     return -1;

@@ -9,11 +9,13 @@
 // Reads the "BFST" attribute of the directory open on `dir_fd` (named
 // `dir_path`). Without one the directory has no policy of its own: result
 // 0, has_vdpd_info false. With one, the policy of its key is loaded through
-// the policy API into `loaded`: result 0, or -1 (message written) when it
-// cannot be; has_vdpd_info is then true either way. The walk opens the
-// directory, and reports a failure to do so as
-// "get_dir_vdp: Cannot open DIR, REASON".
-int get_dir_vdp(int dir_fd, const char *dir_path, OwnedVdp &loaded, bool &has_vdpd_info);
+// the policy API, on a handle opened on `policy_path` (the directory's
+// path, or one on the same file system when that is too long), into
+// `loaded`: result 0, or -1 (message written) when it cannot be;
+// has_vdpd_info is then true either way. The walk opens the directory, and
+// reports a failure to do so as "get_dir_vdp: Cannot open DIR, REASON".
+int get_dir_vdp(int dir_fd, const char *dir_path, const char *policy_path, OwnedVdp &loaded,
+                bool &has_vdpd_info);
 
 // Asks once per run whether to keep deduplicated files; reads the answer
 // from `in`. Sets Preserve_dedup_files on "y"/"Y" or at end of input, and

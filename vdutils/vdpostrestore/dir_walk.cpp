@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include "dir_policy.h"
 #include "dir_state.h"
 #include "file_rules.h"
+#include "kxdmapi/kxdmapi_types.h"
 #include "libutil/dopanic.h"
 #include "path_buffer.h"
 #include "policy_info.h"
@@ -32,10 +34,11 @@ bool is_dot_or_dotdot(const char *name) {
 
 class Walker {
  public:
-  explicit Walker(const char *root) { root_fits_ = path_.assign(root); }
+  explicit Walker(const char *root) { path_.assign(root); }
 
   bool run() {
-    if (!root_fits_) return false;  // options.cpp bounds Mount_Point
+    struct stat root_st;
+    if (stat(path_.c_str(), &root_st) == 0) root_dev_ = root_st.st_dev;
     // The mount point itself may be reached through a symbolic link, as the
     // administrator named it; nothing below it is.
     return process_directory(AT_FDCWD, path_.c_str(), nullptr, false);
@@ -49,11 +52,11 @@ class Walker {
 
   // "Failed to <what> <path>: <reason>." for the entry being examined.
   bool fail(const char *what) {
-    ErrPrintf("Failed to %s %s: %s.\n", what, ShownPath(path_.c_str()).c_str(),
-              std::strerror(errno));
+    const int err = errno;
+    ErrPrintf("Failed to %s %s: %s.\n", what, ShownPath(path_.c_str()).c_str(), std::strerror(err));
+    explain_descriptor_limit(err);
     return false;
   }
-
   // The directory is opened before anything is asked of it, so a failure is
   // reported as the open it stands for: without an inherited policy the
   // first thing done with the directory is reading its own policy
@@ -61,19 +64,46 @@ class Walker {
   // it is listing the entries.
   bool fail_open(bool policy_inherited) {
     if (policy_inherited) return fail("open directory");
+    const int err = errno;
     ErrPrintf("get_dir_vdp: Cannot open %s, %s\n", ShownPath(path_.c_str()).c_str(),
-              std::strerror(errno));
+              std::strerror(err));
+    explain_descriptor_limit(err);
     return false;
+  }
+
+  // The walk holds one descriptor per level: a tree deeper than the
+  // descriptor limit cannot be walked, and the administrator should be told
+  // that this, not the directory, is the cause.
+  void explain_descriptor_limit(int err) const {
+    // Besides the walk's own, a few descriptors are the process's and the
+    // libraries' (standard streams, log, driver channel, open-file cache).
+    constexpr rlim_t kOtherDescriptors = 32;
+    struct rlimit limit {};
+    if (err != EMFILE || getrlimit(RLIMIT_NOFILE, &limit) != 0 ||
+        depth_ + kOtherDescriptors < limit.rlim_cur)
+      return;
+    ErrPrintf("The tree is deeper than the limit of %llu open files allows.\n",
+              static_cast<unsigned long long>(limit.rlim_cur));
+  }
+
+  // The path the policy API resolves for this directory: its own, or, when
+  // that is too long for path requests, the mount point of the same file
+  // system (a policy handle needs only the file system).
+  const char *policy_path(dev_t dir_dev) const {
+    if (path_.size() < DM_PATH_MAX || dir_dev != root_dev_) return path_.c_str();
+    return Mount_Point;
   }
 
   // Works out the policy view and relation point of the directory open on
   // `fd` (steps that precede reading its entries).
-  bool examine_directory(int fd, uint64_t ino, const Vdp_t *vdp, bool tsm_managed,
+  bool examine_directory(int fd, const struct stat &dir_st, const Vdp_t *vdp, bool tsm_managed,
                          DirState &state) {
+    const dev_t dev = dir_st.st_dev;
     if (vdp != nullptr) {
       state.local_vdp = vdp;
       state.has_vdpd_info = true;
-    } else if (get_dir_vdp(fd, path_.c_str(), state.loaded, state.has_vdpd_info) < 0) {
+    } else if (get_dir_vdp(fd, path_.c_str(), policy_path(dev), state.loaded, state.has_vdpd_info) <
+               0) {
       return false;
     } else {
       state.local_vdp = state.loaded.get();
@@ -82,7 +112,8 @@ class Walker {
     if (state.dedup_enabled) ask_keep_dedup_files(stdin);
     state.relation_point = tsm_managed;
     // Below a relation point nothing needs asking again.
-    if (!tsm_managed && !get_dir_attrs(path_.c_str(), ino, state.relation_point)) return false;
+    if (!tsm_managed && !get_dir_attrs(fd, path_.c_str(), dir_st.st_ino, state.relation_point))
+      return false;
     if (may_strip_policy_info(state)) remove_vdpolicy_info_fd(fd, path_.c_str(), 1);
     return true;
   }
@@ -91,6 +122,7 @@ class Walker {
   // here is freed when this directory is done.
   bool process_directory(int parent_fd, const char *name, const Vdp_t *vdp, bool tsm_managed) {
     VPrintf(1, "Processing directory %s.\n", ShownPath(path_.c_str()).c_str());
+    const DepthLevel level(depth_);
     UniqueFd fd = open_directory(parent_fd, name);
     if (!fd) return fail_open(vdp != nullptr);
     struct stat stat_buff;
@@ -98,7 +130,7 @@ class Walker {
     KX_ASSERT(S_ISDIR(stat_buff.st_mode));
 
     DirState state;
-    if (!examine_directory(fd.get(), stat_buff.st_ino, vdp, tsm_managed, state)) return false;
+    if (!examine_directory(fd.get(), stat_buff, vdp, tsm_managed, state)) return false;
 
     VPrintf(4, "Calling opendir.\n");
     DirStream dir(fdopendir(fd.get()));
@@ -128,11 +160,7 @@ class Walker {
 
   bool process_entry(int dir_fd, const char *name, const DirState &state) {
     const std::size_t dir_len = path_.size();
-    if (!path_.append_child(name)) {
-      ErrPrintf("Path is too long (at most %zu characters): %s/%s\n", kPathBufferSize - 1,
-                path_.c_str(), name);
-      return false;
-    }
+    path_.append_child(name);
     bool ok = examine_entry(dir_fd, name, state);
     path_.truncate(dir_len);
     return ok;
@@ -153,8 +181,18 @@ class Walker {
     return true;
   }
 
+  // Counts the levels of directories open at once.
+  struct DepthLevel {
+    explicit DepthLevel(rlim_t &depth) : depth_(depth) { ++depth_; }
+    ~DepthLevel() { --depth_; }
+    DepthLevel(const DepthLevel &) = delete;
+    DepthLevel &operator=(const DepthLevel &) = delete;
+    rlim_t &depth_;
+  };
+
   PathBuffer path_;
-  bool root_fits_ = false;
+  dev_t root_dev_ = 0;
+  rlim_t depth_ = 0;
 };
 
 }  // namespace

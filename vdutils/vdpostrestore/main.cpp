@@ -3,6 +3,7 @@
 // Start-up, in order: privilege check, command line, log file and header,
 // mount point check, DMAPI session and version check; then the walk. Every
 // failure ends the run with exit status 1; -h ends it with 0.
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -52,6 +53,16 @@ bool open_dm_session() {
   return true;
 }
 
+// The walk holds one descriptor per level of depth: allow it as deep a
+// tree as the system lets this process.
+void raise_descriptor_limit() {
+  struct rlimit limit {};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
 int run(int argc, char **argv) {
   if (!PrivCheck()) {
     (void)std::fputs("Insufficient administrative privileges.\n", stderr);
@@ -73,6 +84,7 @@ int run(int argc, char **argv) {
   // fails from here on still leaves a log that says what it was run on.
   if (!open_log_file()) return 1;
   if (!check_mount_point() || !open_dm_session()) return 1;
+  raise_descriptor_limit();
   catch_stop_signals();
   if (!walk_tree()) return 1;
   return finish_log_file() ? 0 : 1;

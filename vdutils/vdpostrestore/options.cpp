@@ -34,12 +34,14 @@ const char *base_name(const char *path) {
   return slash != nullptr ? slash + 1 : path;
 }
 
-// Copies `arg` into a settings buffer, refusing what would not fit.
-bool copy_argument(char (&buffer)[kPathBufferSize], const char *arg, const char *what) {
+// Copies `arg` into a settings buffer, refusing more than `max_len`
+// characters.
+bool copy_argument(char (&buffer)[kPathBufferSize], const char *arg, const char *what,
+                   std::size_t max_len = kPathBufferSize - 1) {
   std::string_view text(arg);
-  if (text.size() >= kPathBufferSize) {
-    ErrPrintf("%s is too long (%zu characters, at most %zu): %s\n", what, text.size(),
-              kPathBufferSize - 1, arg);
+  if (text.size() > max_len) {
+    ErrPrintf("%s is too long (%zu characters, at most %zu): %s\n", what, text.size(), max_len,
+              arg);
     return false;
   }
   std::memcpy(buffer, text.data(), text.size() + 1);
@@ -88,7 +90,8 @@ OptionsResult parse_command_line(int argc, char **argv) {
     usage();
     return OptionsResult::kExitFail;
   }
-  if (!copy_argument(Mount_Point, argv[optind], "Mount point")) return OptionsResult::kExitFail;
+  if (!copy_argument(Mount_Point, argv[optind], "Mount point", kMaxMountPointLength))
+    return OptionsResult::kExitFail;
   strip_trailing_slashes(Mount_Point);
   return OptionsResult::kRun;
 }

@@ -10,6 +10,11 @@
 #include <cstdio>
 
 inline constexpr std::size_t kPathBufferSize = 1024;
+// The driver opens a file by handle through "<mount point>/__KXFS_Handle."
+// and 48 hex digits, a path that must stay under 1024 characters: every
+// directory's relation-point check needs it, so no longer mount point can
+// be walked.
+inline constexpr std::size_t kMaxMountPointLength = kPathBufferSize - 1 - 15 - 48;
 inline constexpr char kDefaultLogFile[] = "/usr/vexo/logs/vdpostrestore.out";
 
 extern int32_t Verbosity;               // 1, plus one per -v
