@@ -247,8 +247,8 @@ int dm_open_by_handle(const void *hanp, size_t hlen, int flags) {
 }
 
 int dm_open_by_handle_nocache(const void *hanp, size_t hlen, int flags) {
-  char mntpnt[DM_PATH_MAX];
-  char path[DM_PATH_MAX];
+  char mntpnt[DM_PATH_BUFSIZE];
+  char path[DM_PATH_BUFSIZE];
   uint64_t key = 0;
   if (dm_format_special_path(hanp, hlen, &key, mntpnt, path) != 0) return -1;
   const int fd = open64(path, flags);

@@ -19,10 +19,10 @@ extern "C" int dm_fshandle_to_filesystem(const void *hanp, size_t hlen, char *fs
     KXDMAPI_TRACE("dm_fshandle_to_filesystem: errno/%d\n", errno);
     return -1;
   }
-  // Mount points are shorter than DM_PATH_MAX by construction; names are cut.
-  if (mntpnt != nullptr) KxSnprintf(mntpnt, DM_PATH_MAX, "%s", rec->mnt_dir);
+  // Mount points are at most DM_PATH_MAX by construction; names are cut.
+  if (mntpnt != nullptr) KxSnprintf(mntpnt, DM_PATH_BUFSIZE, "%s", rec->mnt_dir);
   if (fsname != nullptr)
-    KxSnprintf(fsname, DM_PATH_MAX, "%s", rec->mnt_fsname != nullptr ? rec->mnt_fsname : "");
+    KxSnprintf(fsname, DM_PATH_BUFSIZE, "%s", rec->mnt_fsname != nullptr ? rec->mnt_fsname : "");
   KXDMAPI_TRACE("dm_fshandle_to_filesystem: errno/%d\n", 0);
   return 0;
 }

@@ -173,7 +173,7 @@ extern "C" int dm_handle_to_path(const void *dirhanp, size_t dirhlen, const void
   if (pathbufp == nullptr || rlenp == nullptr) return handle_to_path_fail(EINVAL, 2055);
   if (dirhanp != nullptr && !has_bytes(dirhanp, dirhlen)) return handle_to_path_fail(EBADF, 2068);
   if (!has_bytes(targhanp, targhlen)) return handle_to_path_fail(EBADF, 2078);
-  char mntpnt[DM_PATH_MAX];
+  char mntpnt[DM_PATH_BUFSIZE];
   if (dm_fshandle_to_mountpoint(targhanp, targhlen, mntpnt) != 0)
     return handle_to_path_fail(ENOENT, 2092);
 
@@ -246,16 +246,16 @@ extern "C" int dm_format_special_path(const void *hanp, size_t hlen, uint64_t *k
   uint64_t key = kxdmapi::get_native<uint64_t>(h, 16);
   if (keyp != nullptr) *keyp = key;
   if (key == KXDMAPI_ROOT_KEY && mntpnt != nullptr) {
-    KxSnprintf(path, DM_PATH_MAX, "%s", mntpnt);
+    KxSnprintf(path, DM_PATH_BUFSIZE, "%s", mntpnt);
     KXDMAPI_TRACE("dm_format_special_path: setting mnt_pnt %s\n", path);
     return 0;
   }
   char hex[2 * DM_HANDLE_MAX + 1];
   dm_binary_to_hex(hanp, hlen, hex);
   int len = mntpnt != nullptr
-                ? KxSnprintf(path, DM_PATH_MAX, "%s/%s%s", mntpnt, KXDMAPI_SPECIAL_PREFIX, hex)
-                : KxSnprintf(path, DM_PATH_MAX, "%s%s", KXDMAPI_SPECIAL_PREFIX, hex);
-  if (len < 0 || static_cast<size_t>(len) >= DM_PATH_MAX) {
+                ? KxSnprintf(path, DM_PATH_BUFSIZE, "%s/%s%s", mntpnt, KXDMAPI_SPECIAL_PREFIX, hex)
+                : KxSnprintf(path, DM_PATH_BUFSIZE, "%s%s", KXDMAPI_SPECIAL_PREFIX, hex);
+  if (len < 0 || static_cast<size_t>(len) > DM_PATH_MAX) {
     path[0] = '\0';
     errno = ENAMETOOLONG;
     return -1;

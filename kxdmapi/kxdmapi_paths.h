@@ -6,8 +6,9 @@
  * the mount table changed). All functions are thread-safe; they take
  * dm_mount_cache_lock themselves where they need the cache.
  *
- * Buffers: mount-point and file-system-name buffers must hold DM_PATH_MAX
- * bytes (mount points are kept only when shorter; names are cut to fit).
+ * Buffers: mount-point and file-system-name buffers must hold
+ * DM_PATH_BUFSIZE bytes (a mount point has at most DM_PATH_MAX characters;
+ * names are cut to fit).
  * Returned handles and report arrays are malloc'ed and owned by the caller.
  * Results: 0 for success, -1 with errno for failure, unless stated.
  */
@@ -46,7 +47,7 @@ int dm_handle_to_path(const void *dirhanp, size_t dirhlen, const void *targhanp,
  * "<mount point>/__KXFS_Handle.<HEX>" (or without "<mount point>/" when
  * mntpnt is null), the mount point itself for the root (key 2). *keyp gets
  * handle bytes 16-23 read in host order. mntpnt (may be null) and path must
- * hold DM_PATH_MAX bytes. ENOENT when the file system is not mounted,
+ * hold DM_PATH_BUFSIZE bytes. ENOENT when the file system is not mounted,
  * ENAMETOOLONG when the path would not fit, EBADF for a short handle. */
 int dm_format_special_path(const void *hanp, size_t hlen, uint64_t *keyp, char *mntpnt, char *path);
 

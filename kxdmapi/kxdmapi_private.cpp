@@ -80,8 +80,6 @@ int read_mount_table(size_t *count) {
     if (ent->mnt_dir == nullptr || ent->mnt_type == nullptr ||
         std::strcmp(ent->mnt_type, "kxfs") != 0)
       continue;
-    // Callers copy mount points into DM_PATH_MAX buffers.
-    if (std::strlen(ent->mnt_dir) >= DM_PATH_MAX) continue;
     void *fshanp = nullptr;
     size_t fshlen = 0;
     if (dm_path_to_fshandle(ent->mnt_dir, &fshanp, &fshlen) != 0) {

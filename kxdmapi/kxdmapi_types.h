@@ -60,10 +60,12 @@ typedef struct dm_vardata {
   uint32_t vd_length;
 } dm_vardata_t;
 
-/* Longest path the library accepts or returns, without the NUL. Mount points
- * are kept only when shorter than DM_PATH_MAX, so a caller's buffer of
- * DM_PATH_MAX bytes always holds one. */
+/* Longest path the library accepts or returns, without the NUL; buffers for
+ * paths, mount points and file-system names hold DM_PATH_BUFSIZE bytes. A
+ * mount point longer than DM_PATH_MAX cannot be resolved, so it never has a
+ * record; a file-system name that long is cut to fit. */
 #define DM_PATH_MAX 1024
+#define DM_PATH_BUFSIZE (DM_PATH_MAX + 1)
 
 #ifdef __cplusplus
 }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -36,7 +37,7 @@ TEST(MountCacheNoDriverTest, EverythingFailsCleanly) {
   dm_mnt_change_time_t t{};
   int count = 7;
   dm_fsid_t fsid = 0x0807060504030201ULL;
-  char mnt[DM_PATH_MAX];
+  char mnt[DM_PATH_BUFSIZE];
   EXPECT_EQ(-1, get_last_mount_change_time(&t));
   EXPECT_EQ(-1, dm_check_mnt_cache_stale());
   EXPECT_EQ(nullptr, dm_report_mnt_cache(&count));
@@ -71,7 +72,7 @@ class MountCacheTest : public vdtest::SimFsTest {
     return fsid;
   }
   static std::string MountOf(dm_fsid_t fsid) {
-    char mnt[DM_PATH_MAX];
+    char mnt[DM_PATH_BUFSIZE];
     return dm_fshandle_to_mountpoint(&fsid, sizeof fsid, mnt) == 0 ? mnt : "<none>";
   }
 };
@@ -108,8 +109,8 @@ TEST_F(MountCacheTest, LookupFindsNewMountsAndEndsForUnmountedOnes) {
   EXPECT_EQ(second, MountOf(FsidOf(second))) << "a miss rebuilds the cache";
   EXPECT_EQ(2u, CachedMounts().size());
   EXPECT_EQ("<none>", MountOf(first ^ 0x5A5A));
-  char fsname[DM_PATH_MAX];
-  char mnt[DM_PATH_MAX];
+  char fsname[DM_PATH_BUFSIZE];
+  char mnt[DM_PATH_BUFSIZE];
   EXPECT_EQ(0, dm_fshandle_to_filesystem(&first, sizeof first, fsname, mnt));
   EXPECT_EQ(fs.mnt(), mnt);
   EXPECT_EQ(-1, dm_fshandle_to_mountpoint(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, mnt));
@@ -126,6 +127,28 @@ TEST_F(MountCacheTest, LastUnresolvableMountFailsTheBuildButKeepsTheOthers) {
   fs.SetFaults("kind=dmig,code=7,path=/alpha,errno=EIO");
   ASSERT_TRUE(fs.TouchConfig());
   EXPECT_EQ(1, Build()) << "a failure before the last entry does not fail the build";
+}
+
+// Mount points take all of DM_PATH_MAX: one of 1,024 characters gets a
+// record and comes back whole; a longer one is tried and, listed last,
+// fails the build.
+TEST_F(MountCacheTest, MountPointsOfUpTo1024CharactersHaveRecords) {
+  auto path_of = [&](std::size_t len) {
+    std::string p = fs.root() + "/l" + std::to_string(len);
+    while (p.size() < len)
+      p += "/" + std::string(std::min<std::size_t>(200, len - p.size() - 1), 'm');
+    std::filesystem::create_directories(std::filesystem::path(p).parent_path());
+    return p;
+  };
+  const std::string longest = path_of(DM_PATH_MAX);
+  ASSERT_EQ(DM_PATH_MAX, longest.size());
+  ASSERT_EQ(0, fs.Kxsim({"mkfs", longest}).exit_code);
+  EXPECT_EQ(1, Build());
+  EXPECT_EQ(longest, MountOf(FsidOf(longest)));
+  ASSERT_EQ(0, fs.Kxsim({"mkfs", path_of(DM_PATH_MAX + 1)}).exit_code);
+  ASSERT_TRUE(fs.TouchConfig(5));
+  EXPECT_EQ(-1, Build()) << "the last kxfs mount cannot be resolved";
+  EXPECT_EQ(2u, CachedMounts().size());
 }
 
 TEST_F(MountCacheTest, RenameTrackingComesFromTheFileSystemData) {

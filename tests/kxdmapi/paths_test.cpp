@@ -59,8 +59,8 @@ TEST_F(PathArgumentsTest, SpecialPathWithoutMountPointIsPrefixAndHex) {
   unsigned char h[24] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x00, 0x0E, 0,    0,
                          0,    0,    0,    1,    0,    0,    0,    0,    0,    0,    0x12, 0x34};
   uint64_t key = 0;
-  char path[DM_PATH_MAX];
-  char mnt[DM_PATH_MAX];
+  char path[DM_PATH_BUFSIZE];
+  char mnt[DM_PATH_BUFSIZE];
   ASSERT_EQ(0, dm_format_special_path(h, sizeof h, &key, nullptr, path));
   EXPECT_STREQ("__KXFS_Handle.1122334455667788000E0000000000010000000000001234", path);
   EXPECT_EQ(0x3412000000000000ULL, key) << "the inode field's bytes read in host order";
@@ -108,7 +108,7 @@ TEST_F(PathsTest, HandleToPathRoundTripsIncludingTheMountPoint) {
   EXPECT_EQ(fs.Path("dir/file"), file_.Path());
   EXPECT_EQ(fs.Path("dir"), dir.Path());
   EXPECT_EQ(fs.mnt(), root.Path()) << "the mount point's relative path is empty";
-  char path[DM_PATH_MAX];
+  char path[DM_PATH_BUFSIZE];
   size_t needed = 0;
   ASSERT_EQ(0, dm_handle_to_path(root.hanp, root.hlen, file_.hanp, file_.hlen, sizeof path, path,
                                  &needed));
@@ -129,8 +129,8 @@ TEST_F(PathsTest, HandleToPathReportsTheRequiredLength) {
 }
 
 TEST_F(PathsTest, SpecialPathOpensTheSameFile) {
-  char mnt[DM_PATH_MAX];
-  char path[DM_PATH_MAX];
+  char mnt[DM_PATH_BUFSIZE];
+  char path[DM_PATH_BUFSIZE];
   uint64_t key = 0;
   ASSERT_EQ(0, dm_format_special_path(file_.hanp, file_.hlen, &key, mnt, path));
   EXPECT_EQ(fs.mnt(), mnt);

@@ -50,7 +50,7 @@ class ThreadsTest : public vdtest::SimFsTest {
     std::string error = handle.Resolve(path);
     if (!error.empty()) return Fail("path_to_handle " + path + ": " + error);
     if (handle.Path() != path) Fail("round trip gave " + handle.Path() + " for " + path);
-    char mnt[DM_PATH_MAX];
+    char mnt[DM_PATH_BUFSIZE];
     if (dm_fshandle_to_mountpoint(handle.hanp, handle.hlen, mnt) != 0 || fs.mnt() != mnt)
       Fail("mount point of " + path);
   }

@@ -162,7 +162,7 @@ TEST_F(TraceTest, CallsTraceOnlyTheirOwnLines) {
   // dm_handle_to_path opens the mount point before it makes the root handle.
   CreateLog();
   fs.SetFaults("kind=open,path=" + fs.mnt() + ",errno=EACCES");
-  char path[DM_PATH_MAX];
+  char path[DM_PATH_BUFSIZE];
   size_t needed = 0;
   EXPECT_EQ(-1, dm_handle_to_path(nullptr, 0, file, flen, sizeof path, path, &needed));
   fs.ClearFaults();

@@ -34,7 +34,7 @@ struct OwnedHandle {
   }
   // dm_handle_to_path (relative to the file-system root), or "ERROR <text>".
   std::string Path() const {
-    char path[DM_PATH_MAX];
+    char path[DM_PATH_BUFSIZE];
     size_t needed = 0;
     if (dm_handle_to_path(nullptr, 0, hanp, hlen, sizeof path, path, &needed) != 0)
       return std::string("ERROR ") + strerror(errno);

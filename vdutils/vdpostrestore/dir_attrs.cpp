@@ -59,7 +59,7 @@ bool handle_names(const DmHandle &handle, uint64_t dir_ino) {
 // read "VDEA". errno is kept for the message.
 bool file_system_located(const DmHandle &handle) {
   const int saved = errno;
-  char mount_point[DM_PATH_MAX];
+  char mount_point[DM_PATH_BUFSIZE];
   const bool located = dm_fshandle_to_mountpoint(handle.hanp, handle.hlen, mount_point) == 0;
   errno = saved;
   return located;
