@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kxsim/config_path.h"
 #include "kxsim/path_resolve.h"
 #include "kxsim/sysio.h"
 
@@ -19,15 +20,13 @@ int fail(const std::string &msg) {
 
 bool load_registry(Registry &reg, bool may_be_missing, std::string &error,
                    const std::string &override_path) {
-  if (!override_path.empty()) {
-    reg.path = override_path;
-  } else {
+  reg.path = override_path.empty() ? active_config_path() : override_path;
+  if (reg.path.empty()) {
     const char *env = std::getenv("KXSIM_CONFIG");
-    if (!env || !*env) {
-      error = "KXSIM_CONFIG is not set (it names the simulator's configuration file)";
-      return false;
-    }
-    reg.path = env;
+    error = env ? "KXSIM_CONFIG is empty, which switches the simulator off"
+                : "no configuration file: KXSIM_CONFIG is not set and neither XDG_STATE_HOME "
+                  "nor HOME gives the default";
+    return false;
   }
   std::string text;
   if (!sys::read_file(reg.path, text)) {

@@ -17,7 +17,7 @@ using Args = std::vector<std::string>;
 // Prints "kxsim: <msg>" to standard error and returns 1.
 int fail(const std::string &msg);
 
-// The configuration named by $KXSIM_CONFIG (or `override`, when not empty).
+// The configuration in effect (config_path.h), or `override` when not empty.
 struct Registry {
   std::string path;
   Config config;

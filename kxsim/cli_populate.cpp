@@ -1,28 +1,37 @@
 // kxsim populate / check: building a test tree of restored (blockless) and
-// allocated files, and refusing a fixture whose blockless files have blocks.
+// allocated files, optionally under policies and relation points, and
+// refusing a fixture that would not look restored.
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <random>
+#include <utility>
 
-#include "kxsim/blockless_list.h"
 #include "kxsim/cli_common.h"
 #include "kxsim/hex.h"
 #include "kxsim/path_resolve.h"
+#include "kxsim/policy_files.h"
+#include "kxsim/populate_managed.h"
+#include "kxsim/populate_tree.h"
 #include "kxsim/sysio.h"
 
 namespace kxsim::cli {
 
 namespace {
-constexpr std::size_t kFanout = 8;
+constexpr const char *kUsage =
+    "usage: kxsim populate DIR --dirs N --files N [--blockless PERCENT] [--size BYTES] "
+    "[--seed S]\n"
+    "       kxsim populate DIR --managed [--dirs N] [--files N] [--blockless PERCENT] "
+    "[--keys N] [--keyed-dirs N] [--relation-points N] [--managed-files N] [--stored PERCENT] "
+    "[--size BYTES] [--seed S]";
 
 struct Plan {
   std::uint64_t dirs = 0, files = 0, percent = 0, size = 4096, seed = 1;
+  bool managed = false;
+  ManagedPlan tree;
 };
 
 bool number_option(Args &args, const char *name, std::uint64_t &out, bool required,
@@ -38,30 +47,75 @@ bool number_option(Args &args, const char *name, std::uint64_t &out, bool requir
   return v.has_value();
 }
 
-// Directory k's path relative to the top: the first kFanout directories sit
-// at the top, directory k >= kFanout below directory k / kFanout - 1.
-std::string dir_rel(std::uint64_t k) {
-  char name[32];
-  std::snprintf(name, sizeof name, "d%05llu", static_cast<unsigned long long>(k));
-  return k < kFanout ? std::string(name) : dir_rel(k / kFanout - 1) + "/" + name;
-}
-
-int make_file(int dirfd, const char *name, bool blockless, const std::string &data,
-              std::uint64_t &ino) {
-  sys::Fd fd(sys::open_at(dirfd, name, O_WRONLY | O_CREAT | O_TRUNC, 0644));
-  if (!fd.valid()) return errno;
-  if (blockless) {
-    if (ftruncate(fd.get(), static_cast<off_t>(data.size())) != 0) return errno;
-  } else if (write(fd.get(), data.data(), data.size()) != static_cast<ssize_t>(data.size())) {
-    return errno ? errno : EIO;
+bool managed_options(Args &args, Plan &p, std::string &error) {
+  const std::pair<const char *, std::uint64_t *> options[] = {
+      {"--keys", &p.tree.keys},
+      {"--keyed-dirs", &p.tree.keyed_dirs},
+      {"--relation-points", &p.tree.relation_points},
+      {"--managed-files", &p.tree.files_per_dir},
+      {"--stored", &p.tree.stored}};
+  for (auto [name, field] : options) {
+    if (!p.managed && std::find(args.begin(), args.end(), name) != args.end()) {
+      error = std::string(name) + " needs --managed";
+      return false;
+    }
+    if (!number_option(args, name, *field, false, error)) return false;
   }
-  struct stat st;
-  if (fstat(fd.get(), &st) != 0) return errno;
-  ino = st.st_ino;
-  return 0;
+  return true;
 }
 
-int report_offenders(const std::vector<std::string> &offenders) {
+bool check_ranges(const Plan &p, std::string &error) {
+  if (p.percent > 100 || p.tree.stored > 100) {
+    error = "--blockless and --stored are percentages (0 to 100)";
+  } else if (p.size == 0 || p.size > (64u << 20)) {
+    error = "--size must be 1 to 64 MiB";
+  }
+  return error.empty();
+}
+
+// A managed tree is useful as it comes: everything has a default there.
+bool parse_plan(Args &args, Plan &p, std::string &error) {
+  auto flag = std::find(args.begin(), args.end(), "--managed");
+  p.managed = flag != args.end();
+  if (p.managed) {
+    args.erase(flag);
+    p.dirs = 16;
+    p.files = 200;
+    p.percent = p.tree.blockless;
+  }
+  if (!number_option(args, "--dirs", p.dirs, !p.managed, error) ||
+      !number_option(args, "--files", p.files, !p.managed, error) ||
+      !number_option(args, "--blockless", p.percent, false, error) ||
+      !number_option(args, "--size", p.size, false, error) ||
+      !number_option(args, "--seed", p.seed, false, error) || !managed_options(args, p, error)) {
+    return false;
+  }
+  p.tree.blockless = p.percent;
+  if (args.size() != 1) {
+    error = kUsage;
+    return false;
+  }
+  return check_ranges(p, error);
+}
+
+std::string plural(std::uint64_t n, const char *one, const char *many) {
+  return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+void print_summary(const std::string &top, const PopulateCounts &c, bool managed) {
+  std::string line = "kxsim: populated " + top + ": " + plural(c.files, "file", "files") + " (" +
+                     std::to_string(c.blockless) + " blockless";
+  if (managed) line += ", " + std::to_string(c.stored) + " stored elsewhere";
+  line += "), " + plural(c.dirs, "directory", "directories");
+  if (managed) {
+    line += ", " + std::to_string(c.keyed) + " keyed, " +
+            plural(c.relation_points, "relation point", "relation points") + ", " +
+            plural(c.policies, "policy", "policies");
+  }
+  std::printf("%s\n", line.c_str());
+}
+
+void report_blockless(const std::vector<std::string> &offenders) {
   for (const auto &p : offenders) {
     struct stat st {};
     lstat(p.c_str(), &st);
@@ -70,16 +124,28 @@ int report_offenders(const std::vector<std::string> &offenders) {
                  "blocks\n",
                  p.c_str(), static_cast<long long>(st.st_blocks));
   }
-  return fail("check failed: " + std::to_string(offenders.size()) +
-              " file(s) meant to be blockless have blocks; the fixture would not look restored");
 }
 
 int run_check(const Registry &reg, const Mount &m, const std::string &dir) {
   StateStore store(state_dir_for(reg.path));
-  std::vector<std::string> offenders;
+  std::vector<std::string> offenders, policies;
   std::string error;
-  if (!find_allocated_blockless(store, m, dir, offenders, error)) return fail(error);
-  return offenders.empty() ? 0 : report_offenders(offenders);
+  if (!find_allocated_blockless(store, m, dir, offenders, error) ||
+      !find_unusable_policies(store, m, policies, error)) {
+    return fail(error);
+  }
+  report_blockless(offenders);
+  for (const auto &p : policies) std::fprintf(stderr, "kxsim: check: %s\n", p.c_str());
+  if (offenders.empty() && policies.empty()) return 0;
+  std::string what;
+  if (!offenders.empty()) {
+    what = std::to_string(offenders.size()) + " file(s) meant to be blockless have blocks";
+  }
+  if (!policies.empty()) {
+    what +=
+        (what.empty() ? "" : ", ") + std::to_string(policies.size()) + " policy file(s) unusable";
+  }
+  return fail("check failed: " + what + "; the fixture would not look restored");
 }
 
 bool resolve_dir(const Registry &reg, const std::string &arg, std::string &dir, const Mount *&m,
@@ -101,69 +167,21 @@ bool resolve_dir(const Registry &reg, const std::string &arg, std::string &dir, 
 int cmd_populate(Args args) {
   Plan plan;
   std::string error;
-  if (!number_option(args, "--dirs", plan.dirs, true, error) ||
-      !number_option(args, "--files", plan.files, true, error) ||
-      !number_option(args, "--blockless", plan.percent, false, error) ||
-      !number_option(args, "--size", plan.size, false, error) ||
-      !number_option(args, "--seed", plan.seed, false, error)) {
-    return fail(error);
-  }
-  if (args.size() != 1) {
-    return fail(
-        "usage: kxsim populate DIR --dirs N --files N [--blockless PERCENT] "
-        "[--size BYTES] [--seed S]");
-  }
-  if (plan.percent > 100) return fail("--blockless is a percentage (0 to 100)");
-  if (plan.size == 0 || plan.size > (64u << 20)) return fail("--size must be 1 to 64 MiB");
+  if (!parse_plan(args, plan, error)) return fail(error);
   Registry reg;
   std::string top;
   const Mount *m = nullptr;
   if (!load_registry(reg, false, error) || !resolve_dir(reg, args[0], top, m, error, true)) {
     return fail(error);
   }
-  std::vector<std::string> dirs;
-  for (std::uint64_t k = 0; k < plan.dirs; ++k) {
-    dirs.push_back(dir_rel(k));
-    std::string p = top + "/" + dirs.back();
-    if (mkdir(p.c_str(), 0755) != 0 && errno != EEXIST) {
-      return fail(p + ": " + std::strerror(errno));
-    }
-  }
-  std::vector<bool> blockless(plan.files, false);
-  std::fill_n(blockless.begin(), plan.files * plan.percent / 100, true);
-  std::shuffle(blockless.begin(), blockless.end(), std::mt19937_64(plan.seed));
-  std::string data(plan.size, 'k');
-  std::vector<BlocklessEntry> restored;
-  std::string top_rel(relative_to(top, m->dir));
-  for (std::uint64_t d = 0; d < std::max<std::uint64_t>(plan.dirs, 1); ++d) {
-    std::string rel = plan.dirs ? dirs[d] : std::string();
-    std::string abs = rel.empty() ? top : top + "/" + rel;
-    sys::Fd dirfd(sys::open_at(AT_FDCWD, abs.c_str(), O_RDONLY | O_DIRECTORY));
-    if (!dirfd.valid()) return fail(abs + ": " + std::strerror(errno));
-    std::uint64_t step = std::max<std::uint64_t>(plan.dirs, 1);
-    for (std::uint64_t f = d; f < plan.files; f += step) {
-      char name[32];
-      std::snprintf(name, sizeof name, "f%07llu", static_cast<unsigned long long>(f));
-      std::uint64_t ino = 0;
-      if (int e = make_file(dirfd.get(), name, blockless[f], data, ino)) {
-        return fail(abs + "/" + name + ": " + std::strerror(e));
-      }
-      if (!blockless[f]) continue;
-      std::string file_rel = top_rel.empty() ? "" : top_rel + "/";
-      file_rel += rel.empty() ? name : rel + "/" + name;
-      restored.push_back({ino, std::move(file_rel)});
-    }
-  }
   StateStore store(state_dir_for(reg.path));
-  if (!record_blockless(store, *m, restored)) {
-    return fail("cannot record blockless files under " + store.dir() + ": " + std::strerror(errno));
+  TreeBuilder b(*m, store, top, plan.size, plan.seed);
+  if (!build_plain_tree(b, plan.dirs, plan.files, plan.percent, error) ||
+      (plan.managed && !build_managed_tree(b, plan.tree, conf_dir_for(reg.path), error)) ||
+      !b.record(error)) {
+    return fail(error);
   }
-  std::printf(
-      "kxsim: populated %s: %llu directories, %llu files (%zu restored without data, "
-      "%llu with data)\n",
-      top.c_str(), static_cast<unsigned long long>(plan.dirs),
-      static_cast<unsigned long long>(plan.files), restored.size(),
-      static_cast<unsigned long long>(plan.files - restored.size()));
+  print_summary(top, b.counts(), plan.managed);
   return run_check(reg, *m, top);
 }
 

@@ -1,7 +1,7 @@
 // kxsim run: runs a command under the simulator.
-#include <unistd.h>
-
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "kxsim/cli_common.h"
+#include "kxsim/config_path.h"
 #include "kxsim/path_resolve.h"
 
 #ifndef KXSIM_RUNTIME_PRELOAD
@@ -43,6 +44,15 @@ std::string preload_value(const std::string &lib) {
   value += (value.empty() ? "" : ":") + lib;
   return value;
 }
+
+// The client libraries find objs.conf through KXFSCONF; point it at the
+// simulator's configuration directory unless the caller chose one.
+void offer_conf_dir(const std::string &config_path) {
+  if (std::getenv("KXFSCONF")) return;
+  std::string dir = conf_dir_for(config_path);
+  struct stat st {};
+  if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) setenv("KXFSCONF", dir.c_str(), 1);
+}
 }  // namespace
 
 int cmd_run(Args args) {
@@ -50,12 +60,14 @@ int cmd_run(Args args) {
   if (args.empty() || args[0] != "--" || args.size() < 2 || (config && config->empty())) {
     return fail("usage: kxsim run [--config FILE] -- CMD ARGS...");
   }
-  if (config) {
-    std::string abs = absolute_path(AT_FDCWD, config->c_str());
-    setenv("KXSIM_CONFIG", abs.c_str(), 1);
-  } else if (!std::getenv("KXSIM_CONFIG")) {
-    return fail("run needs --config FILE or KXSIM_CONFIG");
+  std::string path = config ? absolute_path(AT_FDCWD, config->c_str()) : active_config_path();
+  if (path.empty()) {
+    return fail("run needs --config FILE, KXSIM_CONFIG or a default (XDG_STATE_HOME or HOME)");
   }
+  // Named explicitly, so that the child and everything it starts agree on
+  // the file even if they change HOME.
+  setenv("KXSIM_CONFIG", path.c_str(), 1);
+  offer_conf_dir(path);
   std::string lib = library_path();
   if (lib.empty() || access(lib.c_str(), R_OK) != 0) {
     return fail("cannot find the simulator library " + lib);

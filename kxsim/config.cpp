@@ -97,4 +97,8 @@ std::string state_dir_for(const std::string &config_path) {
   return config_path + ".state";
 }
 
+std::string conf_dir_for(const std::string &config_path) {
+  return state_dir_for(config_path) + "/conf";
+}
+
 }  // namespace kxsim

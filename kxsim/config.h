@@ -1,5 +1,5 @@
-// The registry of simulated mounts: the configuration file named by
-// KXSIM_CONFIG, written by `kxsim mkfs`.
+// The registry of simulated mounts: the configuration file (config_path.h),
+// written by `kxsim mkfs`.
 //
 // Format, one mount per line ('#' starts a comment line):
 //   mount <fsid as 16 hex digits> <rename tracking 0|1> <absolute directory>
@@ -36,6 +36,11 @@ std::uint64_t default_fsid(std::string_view dir);
 
 // Where the driver's per-object state lives: next to the configuration file.
 std::string state_dir_for(const std::string &config_path);
+
+// The configuration directory that `kxsim run` offers the client libraries
+// as KXFSCONF (objs.conf lives there): part of the simulator's state, so a
+// fixture's object-storage configuration goes away with it.
+std::string conf_dir_for(const std::string &config_path);
 
 // True when `path` is `dir` or lies below it.
 bool path_within(std::string_view path, std::string_view dir);

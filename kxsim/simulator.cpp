@@ -6,11 +6,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "kxsim/config_path.h"
 #include "kxsim/request_log.h"
 #include "kxsim/sysio.h"
 
@@ -35,11 +38,32 @@ void after_fork() {
   t_forking = false;
   g_lock.unlock();
 }
+
+// Whether the per-user default configuration exists, looked up at most once
+// a second: every open of every process in a test run asks, and most of
+// them have no configuration at all.
+std::atomic<std::int64_t> g_default_checked{-1};  // coarse monotonic second
+std::atomic<bool> g_default_present{false};
+
+bool default_config_present() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  if (now.tv_sec == g_default_checked.load(std::memory_order_relaxed)) {
+    return g_default_present.load(std::memory_order_relaxed);
+  }
+  char path[PATH_MAX];
+  struct stat st {};
+  bool present = default_config_path(path, sizeof path) && stat(path, &st) == 0;
+  g_default_present.store(present, std::memory_order_relaxed);
+  g_default_checked.store(now.tv_sec, std::memory_order_relaxed);
+  return present;
+}
 }  // namespace
 
 bool simulator_configured() {
   const char *cfg = std::getenv("KXSIM_CONFIG");
-  return cfg && *cfg;
+  if (cfg) return *cfg != '\0';
+  return default_config_present();
 }
 
 bool observation_wanted() {
@@ -94,11 +118,12 @@ Simulator::Scope::~Scope() {
 
 bool Simulator::refresh() {
   faults_.refresh();
-  const char *path = std::getenv("KXSIM_CONFIG");
-  if (!path || !*path) return false;
+  std::string path = active_config_path();
   struct stat st {};
-  if (stat(path, &st) != 0) {
-    if (config_ok_ || config_path_ != path) trace("cannot read %s: %s", path, strerror(errno));
+  if (path.empty() || stat(path.c_str(), &st) != 0) {
+    if (config_ok_ || config_path_ != path) {
+      trace("cannot read %s: %s", path.c_str(), path.empty() ? "none in effect" : strerror(errno));
+    }
     config_path_ = path;
     config_ok_ = false;
     config_.mounts.clear();

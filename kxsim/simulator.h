@@ -25,8 +25,9 @@
 
 namespace kxsim {
 
-// True when KXSIM_CONFIG names a configuration; otherwise every wrapper is a
-// plain pass-through.
+// True when a configuration is in effect: KXSIM_CONFIG names one, or it is
+// unset and the per-user default exists (config_path.h). Otherwise every
+// wrapper is a plain pass-through.
 bool simulator_configured();
 // True when a request log or fault rules are configured: then opens and
 // unlinks inside simulated mounts must be observed even when the simulator

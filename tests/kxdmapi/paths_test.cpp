@@ -21,7 +21,7 @@ using vdtest::OwnedHandle;
 // Argument checks come before any request: they hold without a driver.
 class PathArgumentsTest : public ::testing::Test {
  protected:
-  void SetUp() override { unsetenv("KXSIM_CONFIG"); }
+  void SetUp() override { setenv("KXSIM_CONFIG", "", 1); }  // no driver, whatever the default
   void *hanp_ = nullptr;
   size_t hlen_ = 0;
 };

@@ -8,7 +8,7 @@ namespace {
 
 using CliTest = SimTest;
 
-TEST_F(CliTest, MkfsNeedsConfigAndAValidFsid) {
+TEST_F(CliTest, MkfsNeedsAValidFsid) {
   EXPECT_EQ(1, cli("mkfs " + root_ + "/x --fsid 0").status);
   EXPECT_EQ(1, cli("mkfs " + root_ + "/x --fsid 12345678901234567").status);
   CmdResult dup = cli("mkfs " + root_ + "/x --fsid c0ffee01");
@@ -16,10 +16,32 @@ TEST_F(CliTest, MkfsNeedsConfigAndAValidFsid) {
   EXPECT_NE(std::string::npos, dup.out.find("already used by " + mnt_)) << dup.out;
   CmdResult none = cli("mkfs " + root_ + "/x");
   ASSERT_EQ(0, none.status);
-  unsetenv("KXSIM_CONFIG");
-  CmdResult unset = cli("mkfs " + root_ + "/y");
-  EXPECT_EQ(1, unset.status);
-  EXPECT_NE(std::string::npos, unset.out.find("KXSIM_CONFIG")) << unset.out;
+}
+
+// Without KXSIM_CONFIG the tool and the preloaded library agree on a
+// per-user file; while it does not exist there is no driver, and an empty
+// KXSIM_CONFIG switches the simulator off.
+TEST_F(CliTest, DefaultConfigurationServesToolAndLibrary) {
+  const std::string home = root_ + "/home", conf = home + "/.local/state/kxsim/kxsim.conf";
+  const std::string env = "env -u KXSIM_CONFIG XDG_STATE_HOME= HOME=" + home + " ";
+  const std::string cli_path = std::string(KXSIM_CLI) + " ";
+  const std::string open_device = "cat /dev/kxfsctl0";  // opens only when simulated
+  EXPECT_NE(0, sh(env + open_device).status);
+  ASSERT_EQ(0, sh(env + cli_path + "mkfs " + root_ + "/y").status);
+  EXPECT_NE(std::string::npos, read_text(conf).find(root_ + "/y"));
+  EXPECT_EQ(0, sh(env + open_device).status);
+  EXPECT_NE(0, sh("env KXSIM_CONFIG= HOME=" + home + " " + open_device).status);
+  CmdResult help = sh(env + cli_path + "--help");
+  EXPECT_NE(std::string::npos, help.out.find("here: " + conf)) << help.out;
+  const std::string xdg = root_ + "/xdg";
+  ASSERT_EQ(0, sh(env + "XDG_STATE_HOME=" + xdg + " " + cli_path + "mkfs " + root_ + "/z").status);
+  EXPECT_NE(std::string::npos, read_text(xdg + "/kxsim/kxsim.conf").find(root_ + "/z"));
+}
+
+TEST_F(CliTest, VersionIsTheProjectVersion) {
+  CmdResult r = cli("--version");
+  EXPECT_EQ(0, r.status);
+  EXPECT_EQ(std::string("kxsim ") + KXSIM_VERSION + "\n", r.out);
 }
 
 TEST_F(CliTest, UmountUnregisters) {
@@ -55,7 +77,7 @@ TEST_F(CliTest, RunSetsTheEnvironment) {
 TEST_F(CliTest, PopulateBuildsTheRequestedTree) {
   CmdResult r = cli("populate " + path("t") + " --dirs 20 --files 100 --blockless 30 --size 512");
   ASSERT_EQ(0, r.status) << r.out;
-  EXPECT_NE(std::string::npos, r.out.find("20 directories, 100 files")) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find(": 100 files (30 blockless), 20 directories\n")) << r.out;
   int files = 0, blockless = 0, dirs = 0, max_depth = 0;
   std::istringstream in([&] {
     FILE *p = popen(("find " + path("t") + " -mindepth 1 -printf '%y %s %b %d\\n'").c_str(), "r");

@@ -68,6 +68,9 @@ class SimTest : public ::testing::Test {
     config_ = root_ + "/kxsim.conf";
     mnt_ = root_ + "/mnt";
     setenv("KXSIM_CONFIG", config_.c_str(), 1);
+    // A per-user default configuration on this machine must not bring a
+    // driver into the cases that unset KXSIM_CONFIG.
+    setenv("XDG_STATE_HOME", (root_ + "/no-state").c_str(), 1);
     unsetenv("KXSIM_FAULTS");
     unsetenv("KXSIM_FAULTS_FILE");
     unsetenv("KXSIM_LOG");
@@ -84,8 +87,11 @@ class SimTest : public ::testing::Test {
   }
 
   // Runs the kxsim tool; standard output and error together.
-  CmdResult cli(const std::string &args) {
-    std::string cmd = std::string(KXSIM_CLI) + " " + args + " 2>&1";
+  CmdResult cli(const std::string &args) { return sh(std::string(KXSIM_CLI) + " " + args); }
+
+  // Runs a shell command line; standard output and error together.
+  CmdResult sh(const std::string &command) {
+    std::string cmd = command + " 2>&1";
     CmdResult r{-1, {}};
     FILE *p = popen(cmd.c_str(), "r");
     if (!p) return r;
