@@ -28,8 +28,13 @@ bool StateStore::load_file(const std::string &path, ObjectState &out) {
   std::string text;
   if (!sys::read_file(path, text)) {
     if (errno == ENOENT) return true;
-    error_ = path + ": " + std::to_string(errno);
-    errno = EIO;
+    // A state file that cannot be read for want of resources (EMFILE at
+    // the descriptor limit, ENOMEM) says so, as the process's own calls
+    // would: an EIO there would send the tool's user looking for a broken
+    // disk.
+    const int err = errno;
+    error_ = path + ": " + std::to_string(err);
+    errno = err == EMFILE || err == ENFILE || err == ENOMEM ? err : EIO;
     return false;
   }
   if (!parse_object_state(text, out, error_)) {

@@ -144,6 +144,20 @@ TEST_F(PostRestoreWalkTest, PathsLongerThanPathRequestsAreWalked) {
   EXPECT_TRUE(fs.exists(rel + "/rp/kept"));
 }
 
+// A tree deeper than the descriptors allow stops with that cause named.
+TEST_F(PostRestoreWalkTest, TreeDeeperThanTheDescriptorLimitNamesTheCause) {
+  std::string rel = "d";
+  for (int i = 0; i < 60; ++i) rel += "/d";
+  fs.blockless(rel + "/f", 10);
+  toolrun::RunOptions opts;
+  opts.max_open_files = 40;
+  RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt()}, "", opts);
+  EXPECT_EQ(1, r.status);
+  EXPECT_FALSE(grep(r.err, "Too many open files").empty()) << r.err;
+  EXPECT_EQ(1u, grep(r.err, "The tree is deeper than the limit of 40 open files allows.").size())
+      << r.err;
+}
+
 // A line break in a name must not split a log line into two that name
 // other files: such paths are shell-quoted, one per line.
 TEST_F(PostRestoreWalkTest, PathsWithLineBreaksAreQuotedOnOneLine) {

@@ -112,8 +112,10 @@ class Walker {
     if (state.dedup_enabled) ask_keep_dedup_files(stdin);
     state.relation_point = tsm_managed;
     // Below a relation point nothing needs asking again.
-    if (!tsm_managed && !get_dir_attrs(fd, path_.c_str(), dir_st.st_ino, state.relation_point))
+    if (!tsm_managed && !get_dir_attrs(fd, path_.c_str(), dir_st.st_ino, state.relation_point)) {
+      explain_descriptor_limit(errno);  // the requests open files by handle
       return false;
+    }
     if (may_strip_policy_info(state)) remove_vdpolicy_info_fd(fd, path_.c_str(), 1);
     return true;
   }
