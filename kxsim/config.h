@@ -17,6 +17,10 @@ struct Mount {
   std::string dir;  // canonical absolute path, no trailing slash
   std::uint64_t fsid = 0;
   bool rename_tracking = true;
+  // The device of `dir`, filled in by the preloaded library (0: unknown).
+  // A file system mounted inside the directory is not this one: the driver
+  // answers only for objects on its own device.
+  std::uint64_t dev = 0;
 };
 
 struct Config {

@@ -142,6 +142,7 @@ int op_path_to_handle(Simulator &sim, unsigned char *p, RequestInfo &info) {
   if (!m) return EINVAL;  // not a kxfs file system
   Identity id;
   if (!identify_path(*path, id)) return errno;
+  if (!on_device(id, m->dev)) return EINVAL;  // another file system mounted inside
   std::memset(p, 0, 64);
   make_file_handle(p, m->fsid, id.ino, id.generation);
   sim.index().note(*m, id.ino, relative_to(*path, m->dir));

@@ -162,6 +162,9 @@ std::optional<int> file_ioctl(Simulator &sim, int fd, unsigned long request, voi
   if (int e = sim.injected(info)) return sim.finish(info, -1, e);
   FileTarget t{*m, path, {}};
   if (!identify_fd(fd, t.id)) return sim.finish(info, -1, errno);
+  // An object of a file system mounted inside the simulated one is not the
+  // driver's: the request goes to that file system, which refuses it.
+  if (!on_device(t.id, m->dev)) return std::nullopt;
   int e = dispatch(sim, t, request, p, info);
   return sim.finish(info, 0, e);
 }

@@ -1,6 +1,7 @@
 #include "kxsim/identity.h"
 
 #include <fcntl.h>
+#include <sys/sysmacros.h>
 
 #include <cstdio>
 
@@ -36,6 +37,10 @@ bool identify_fd(int fd, Identity &out) {
   if (statx(fd, "", AT_EMPTY_PATH, kMask, &out.stx) != 0) return false;
   fill(out);
   return true;
+}
+
+bool on_device(const Identity &id, std::uint64_t dev) {
+  return dev == 0 || makedev(id.stx.stx_dev_major, id.stx.stx_dev_minor) == dev;
 }
 
 }  // namespace kxsim

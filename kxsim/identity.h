@@ -28,4 +28,7 @@ struct Identity {
 bool identify_path(const std::string &path, Identity &out);
 bool identify_fd(int fd, Identity &out);
 
+// True when the object lies on the device `dev` (0: unknown, taken as yes).
+bool on_device(const Identity &id, std::uint64_t dev);
+
 }  // namespace kxsim

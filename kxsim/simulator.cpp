@@ -143,6 +143,10 @@ bool Simulator::refresh() {
   store_ = StateStore(state_dir_for(config_path_));
   std::string text, error;
   config_ok_ = sys::read_file(config_path_, text) && parse_config(text, config_, error);
+  for (Mount &m : config_.mounts) {
+    struct stat ms {};
+    m.dev = stat(m.dir.c_str(), &ms) == 0 ? static_cast<std::uint64_t>(ms.st_dev) : 0;
+  }
   if (!config_ok_) {
     config_.mounts.clear();
     std::string msg = "kxsim: " + config_path_ + ": unusable configuration " + error + "\n";

@@ -55,4 +55,35 @@ TEST_F(PostRestoreContainmentTest, DirectorySwappedWhileResolvedEndsTheRun) {
   EXPECT_TRUE(std::filesystem::exists(outside + "/victim"));
 }
 
+// Another file system mounted inside the simulated one is not the driver's:
+// path to handle refuses it, so the run stops there and nothing on it is
+// removed. The tmpfs lives in a private mount namespace (root only;
+// skipped where none can be made).
+TEST_F(PostRestoreContainmentTest, NestedFileSystemIsRefusedAndKept) {
+  const std::string nested = fs.path("nested");
+  std::filesystem::create_directories(nested);
+  toolrun::RunOptions opts;
+  opts.wrapper = {"/usr/bin/unshare",
+                  "-m",
+                  "--propagation",
+                  "private",
+                  "/bin/sh",
+                  "-c",
+                  "mount -t tmpfs tmpfs " + nested + " || exit 99; truncate -s 100 " + nested +
+                      "/sparse; \"$@\"; rc=$?; [ -e " + nested + "/sparse ] && echo KEPT; exit $rc",
+                  "sh"};
+  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "", opts);
+  if (r.status == 99 || (r.status != 1 && r.err.find("unshare") != std::string::npos))
+    GTEST_SKIP() << "no private mount namespace: " << r.err;
+  EXPECT_EQ(1, r.status);
+  // Its own attribute request is refused by the other file system as any
+  // unknown ioctl; then path to handle ends the run.
+  EXPECT_EQ("Failed to get xattr for directory " + nested +
+                ": Inappropriate ioctl for device.\n"
+                "Failed to get path-to-handle for directory " +
+                nested + ": Invalid argument.\n",
+            r.err);
+  EXPECT_NE(std::string::npos, r.out.find("KEPT"));
+}
+
 }  // namespace
