@@ -63,6 +63,22 @@ TEST_F(PostRestoreStartupTest, HelpAsRootPrintsUsageAndSucceeds) {
   EXPECT_EQ("", r.out);
 }
 
+// --help and --version answer anyone, on standard output, and do nothing else.
+TEST_F(PostRestoreStartupTest, LongHelpAndVersionNeedNoPrivilegesAndSucceed) {
+  RunOptions opts;
+  opts.as_nobody = geteuid() == 0;
+  RunResult r = fs.tool({"--help"}, "", opts);
+  EXPECT_EQ(0, r.status);
+  EXPECT_EQ(usage_text(), r.out);
+  EXPECT_EQ("", r.err);
+  r = fs.tool({"-r", "--version", fs.mnt()}, "", opts);
+  EXPECT_EQ(0, r.status);
+  EXPECT_EQ("vdpostrestore " VD_VERSION
+            "\nBuilt for the DMAPI library: KXFS DMAPI (XDSM) API, Release 1.0.\n",
+            r.out);
+  EXPECT_FALSE(std::filesystem::exists(fs.log_path()));
+}
+
 TEST_F(PostRestoreStartupTest, BadCommandLinesPrintUsageAndFail) {
   const std::vector<std::vector<std::string>> bad = {
       {"-x", fs.mnt()}, {fs.mnt(), "-f"}, {}, {"-v", "-r"}, {""}};

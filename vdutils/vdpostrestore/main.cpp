@@ -20,9 +20,6 @@
 
 namespace {
 
-// The library release this tool was built for, with its terminator.
-constexpr char kDmapiVersion[] = "KXFS DMAPI (XDSM) API, Release 1.0.";
-
 bool check_mount_point() {
   struct stat st;
   if (stat(Mount_Point, &st) != 0) {
@@ -64,11 +61,12 @@ void raise_descriptor_limit() {
 }
 
 int run(int argc, char **argv) {
+  Prog = (argc > 0 && argv[0] != nullptr) ? argv[0] : "vdpostrestore";
+  if (handle_long_options(argc, argv)) return 0;
   if (!PrivCheck()) {
     (void)std::fputs("Insufficient administrative privileges.\n", stderr);
     return 1;
   }
-  Prog = (argc > 0 && argv[0] != nullptr) ? argv[0] : "vdpostrestore";
   set_caller_name(Prog);
   switch (parse_command_line(argc, argv)) {
     case OptionsResult::kRun:

@@ -50,8 +50,23 @@ bool copy_argument(char (&buffer)[kPathBufferSize], const char *arg, const char 
 
 }  // namespace
 
-void usage() {
-  (void)std::fprintf(stderr, kUsage, base_name(Prog), kDefaultLogFile);
+void usage(FILE *out) {
+  (void)std::fprintf(out, kUsage, base_name(Prog), kDefaultLogFile);
+}
+
+bool handle_long_options(int argc, char **argv) {
+  for (int i = 1; i < argc && argv[i] != nullptr && std::strcmp(argv[i], "--") != 0; ++i) {
+    if (std::strcmp(argv[i], "--version") == 0) {
+      (void)std::printf("%s %s\nBuilt for the DMAPI library: %s\n", base_name(Prog), VD_VERSION,
+                        kDmapiVersion);
+      return true;
+    }
+    if (std::strcmp(argv[i], "--help") == 0) {
+      usage(stdout);
+      return true;
+    }
+  }
+  return false;
 }
 
 void strip_trailing_slashes(char *path) {
@@ -70,7 +85,7 @@ OptionsResult parse_command_line(int argc, char **argv) {
         Preserve_dedup_files = 1;
         break;
       case 'h':
-        usage();
+        usage(stderr);
         return OptionsResult::kExitOk;
       case 'p':
         Preserve_vdpolicy_info = 1;
@@ -82,12 +97,12 @@ OptionsResult parse_command_line(int argc, char **argv) {
         if (Verbosity < INT32_MAX) ++Verbosity;
         break;
       default:
-        usage();
+        usage(stderr);
         return OptionsResult::kExitFail;
     }
   }
   if (optind >= argc || argv[optind] == nullptr || argv[optind][0] == '\0') {
-    usage();
+    usage(stderr);
     return OptionsResult::kExitFail;
   }
   if (!copy_argument(Mount_Point, argv[optind], "Mount point", kMaxMountPointLength))

@@ -1,14 +1,23 @@
 // The command line of vdpostrestore.
 #pragma once
 
+#include <cstdio>
+
 enum class OptionsResult {
   kRun,       // settings filled in; go on with start-up
   kExitOk,    // -h: usage written, exit status 0
   kExitFail,  // bad command line: message written, exit status 1
 };
 
-// Writes the usage text to standard error. Does not exit.
-void usage();
+// Writes the usage text to `out` (standard error for -h and mistakes).
+// Does not exit.
+void usage(FILE *out);
+
+// --help (the usage text on standard output) and --version (the tool's
+// version and the DMAPI library release it was built for): true when one
+// was given and answered. They need no privileges and touch nothing, so
+// they are answered before anything else.
+bool handle_long_options(int argc, char **argv);
 
 // Reads the options ("f:bhprv") into the settings, then the mount point
 // (the first argument left) into Mount_Point with its trailing slashes

@@ -16,6 +16,8 @@ inline constexpr std::size_t kPathBufferSize = 1024;
 // be walked.
 inline constexpr std::size_t kMaxMountPointLength = kPathBufferSize - 1 - 15 - 48;
 inline constexpr char kDefaultLogFile[] = "/usr/vexo/logs/vdpostrestore.out";
+// The DMAPI library release this tool was built for.
+inline constexpr char kDmapiVersion[] = "KXFS DMAPI (XDSM) API, Release 1.0.";
 
 extern int32_t Verbosity;               // 1, plus one per -v
 extern int32_t Remove_Files;            // -r
