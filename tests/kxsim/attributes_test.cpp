@@ -37,7 +37,7 @@ class AttributesTest : public SimTest {
   // The attribute's value in hex as the driver returns it, or "!<errno>".
   std::string read_attr(const std::string &file, const char *name) {
     Buf b = get_req(name, 128);
-    int err;
+    int err = 0;
     if (file_ioctl(path(file), 0x40E, b, &err) != 0) return "!" + std::to_string(err);
     return hex(b.data() + 32, get<std::uint32_t>(b, 12));
   }
@@ -55,7 +55,7 @@ TEST_F(AttributesTest, SetGetRemove) {
   EXPECT_EQ("", read_attr("f", "BFST"));
   Buf rm = remove_req("BFST");
   EXPECT_EQ(0, file_ioctl(path("f"), 0x422, rm));
-  int err;
+  int err = 0;
   EXPECT_EQ(-1, file_ioctl(path("f"), 0x422, rm, &err));
   EXPECT_EQ(ENODATA, err);
 }
@@ -68,7 +68,7 @@ TEST_F(AttributesTest, EightByteNamesAndLimits) {
   EXPECT_EQ(hex(big.data(), 128), read_attr("f", "VDEA"));
   Buf too_big = set_req("VDEA", big);
   put<std::uint16_t>(too_big, 14, 129);
-  int err;
+  int err = 0;
   EXPECT_EQ(-1, file_ioctl(path("f"), 0x40F, too_big, &err));
   EXPECT_EQ(E2BIG, err);
   Buf unnamed = set_req("", Buf{1});

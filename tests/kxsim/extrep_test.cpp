@@ -37,7 +37,7 @@ TEST_F(ExtRepTest, SetGetRemove) {
   EXPECT_EQ("blob-tag", std::string(out, 8));
   Buf rm = rep_req("BLOB", nullptr, 0, 4);
   ASSERT_EQ(0, file_ioctl(path("f"), 0xD33, rm));
-  int err;
+  int err = 0;
   EXPECT_EQ(-1, file_ioctl(path("f"), 0xD32, q, &err));
   EXPECT_EQ(ENOENT, err);
   EXPECT_EQ(-1, file_ioctl(path("f"), 0xD33, rm, &err));
@@ -56,7 +56,7 @@ TEST_F(ExtRepTest, ToolAndDriverAgree) {
 TEST_F(ExtRepTest, UnterminatedKeyAndNullDataAreRefused) {
   Buf b = rep_req("BLOB", nullptr, 0);
   std::memset(b.data() + 24, 'K', 32);
-  int err;
+  int err = 0;
   EXPECT_EQ(-1, file_ioctl(path("f"), 0xD31, b, &err));
   EXPECT_EQ(EINVAL, err);
   Buf null_data = rep_req("REPL", nullptr, 5);

@@ -18,7 +18,7 @@ class FaultsLogTest : public SimTest {
     Buf b(160, 0);
     put<std::uint32_t>(b, 12, 128);
     std::memcpy(b.data() + 24, name, std::strlen(name));
-    int err;
+    int err = 0;
     file_ioctl(path("d1"), 1038, b, &err);
     return err;
   }
@@ -35,7 +35,7 @@ TEST_F(FaultsLogTest, RuleMatchesCodeNameAndPath) {
   EXPECT_EQ(EIO, read_attr("VDEA"));
   EXPECT_EQ(ENODATA, read_attr("BFST"));
   Buf b(160, 0);
-  int err;
+  int err = 0;
   std::memcpy(b.data() + 24, "VDEA", 4);
   file_ioctl(path("d1/victim"), 1038, b, &err);
   EXPECT_EQ(EIO, err) << "d1/victim contains /d1";

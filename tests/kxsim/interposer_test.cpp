@@ -24,7 +24,7 @@ class InterposerTest : public SimTest {
 
 TEST_F(InterposerTest, RequestsOutsideMountsBehaveAsWithoutTheDriver) {
   Buf b(160, 0);
-  int err;
+  int err = 0;
   EXPECT_EQ(-1, file_ioctl(outside_, 0x40E, b, &err));
   EXPECT_EQ(ENOTTY, err);
   setenv("KXSIM_FAULTS", "kind=open,errno=EIO,path=nothing-matches", 1);
@@ -38,7 +38,7 @@ TEST_F(InterposerTest, InertWithoutConfiguration) {
   close_ctl();
   unsetenv("KXSIM_CONFIG");
   Buf b(160, 0);
-  int err;
+  int err = 0;
   EXPECT_EQ(-1, file_ioctl(path("f"), 0x40E, b, &err));
   EXPECT_EQ(ENOTTY, err);
   errno = 0;
