@@ -29,6 +29,9 @@ namespace {
   dup2(err_fd, 2);
   for (const auto &name : opts.unset_env) unsetenv(name.c_str());
   for (const auto &[name, value] : opts.env) setenv(name.c_str(), value.c_str(), 1);
+  // In a coverage build the profile of a run as nobody could not be written
+  // beside the build's own; it goes to /tmp instead of into the output.
+  if (opts.as_nobody) setenv("GCOV_PREFIX", "/tmp/vdpostrestore-gcov-nobody", 1);
   if (opts.as_nobody && (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
                          setresuid(65534, 65534, 65534) != 0)) {
     _exit(126);
