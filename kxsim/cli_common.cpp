@@ -14,7 +14,7 @@
 namespace kxsim::cli {
 
 int fail(const std::string &msg) {
-  std::fprintf(stderr, "kxsim: %s\n", msg.c_str());
+  (void)std::fprintf(stderr, "kxsim: %s\n", msg.c_str());
   return 1;
 }
 

@@ -33,9 +33,9 @@ constexpr const char *kUsage =
 
 void usage(FILE *to) {
   std::string path = kxsim::default_config_path();
-  std::fprintf(to,
-               "%s(%s%s);\n`mkfs` creates it. An empty KXSIM_CONFIG switches the simulator off.\n",
-               kUsage, path.empty() ? "neither variable is set here" : "here: ", path.c_str());
+  (void)std::fprintf(
+      to, "%s(%s%s);\n`mkfs` creates it. An empty KXSIM_CONFIG switches the simulator off.\n",
+      kUsage, path.empty() ? "neither variable is set here" : "here: ", path.c_str());
 }
 
 struct Command {
@@ -66,7 +66,7 @@ int main(int argc, char **argv) {
   for (const Command &c : kCommands) {
     if (c.name == argv[1]) return c.fn(std::move(args));
   }
-  std::fprintf(stderr, "kxsim: unknown command '%s'\n", argv[1]);
+  (void)std::fprintf(stderr, "kxsim: unknown command '%s'\n", argv[1]);
   usage(stderr);
   return 1;
 }

@@ -91,7 +91,7 @@ int cmd_attr(Args args) {
   static const NamedValueKind kind{"attr", "attribute", "attribute values hold at most 128 bytes",
                                    kMaxAttrName, kMaxAttrValue};
   return named_value_cmd(
-      args, kind, &ObjectState::attrs, [](const Bytes &v) { return v; },
+      std::move(args), kind, &ObjectState::attrs, [](const Bytes &v) { return v; },
       [](const Bytes &v) -> const Bytes & { return v; });
 }
 
@@ -118,7 +118,7 @@ int cmd_rep(Args args) {
                                    "representation values hold at most 65536 bytes", kMaxRepName,
                                    kMaxRepValue};
   return named_value_cmd(
-      args, kind, &ObjectState::reps,
+      std::move(args), kind, &ObjectState::reps,
       [](const Bytes &v) {
         return ExtRep{0, 0, 0, v};
       },

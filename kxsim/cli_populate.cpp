@@ -119,10 +119,11 @@ void report_blockless(const std::vector<std::string> &offenders) {
   for (const auto &p : offenders) {
     struct stat st {};
     lstat(p.c_str(), &st);
-    std::fprintf(stderr,
-                 "kxsim: check: %s is meant to be restored without data but has %lld allocated "
-                 "blocks\n",
-                 p.c_str(), static_cast<long long>(st.st_blocks));
+    (void)std::fprintf(
+        stderr,
+        "kxsim: check: %s is meant to be restored without data but has %lld allocated "
+        "blocks\n",
+        p.c_str(), static_cast<long long>(st.st_blocks));
   }
 }
 
@@ -135,7 +136,7 @@ int run_check(const Registry &reg, const Mount &m, const std::string &dir) {
     return fail(error);
   }
   report_blockless(offenders);
-  for (const auto &p : policies) std::fprintf(stderr, "kxsim: check: %s\n", p.c_str());
+  for (const auto &p : policies) (void)std::fprintf(stderr, "kxsim: check: %s\n", p.c_str());
   if (offenders.empty() && policies.empty()) return 0;
   std::string what;
   if (!offenders.empty()) {

@@ -74,7 +74,7 @@ std::string format_config(const Config &cfg) {
   std::string out = "# kxsim mounts: fsid rename-tracking directory\n";
   char fsid[17];
   for (const Mount &m : cfg.mounts) {
-    std::snprintf(fsid, sizeof fsid, "%016llx", static_cast<unsigned long long>(m.fsid));
+    (void)std::snprintf(fsid, sizeof fsid, "%016llx", static_cast<unsigned long long>(m.fsid));
     out += "mount ";
     out += fsid;
     out += m.rename_tracking ? " 1 " : " 0 ";

@@ -26,6 +26,8 @@ bool read_key(const unsigned char *p, std::string &key) {
 }
 
 unsigned char *user_buffer(const unsigned char *p) {
+  // The frame carries the caller's address as a number, as the driver sees it.
+  // NOLINTNEXTLINE(performance-no-int-to-ptr)
   return reinterpret_cast<unsigned char *>(
       static_cast<std::uintptr_t>(load<std::uint64_t>(p, kData)));
 }

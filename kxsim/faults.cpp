@@ -148,7 +148,11 @@ void FaultSet::parse_all(const std::string &text, const char *separators) {
     if (parse_fault_rule(rule.substr(first), r, error)) {
       rules_.push_back(std::move(r));
     } else {
-      std::string msg = "kxsim: ignoring fault rule '" + rule + "': " + error + "\n";
+      std::string msg = "kxsim: ignoring fault rule '";
+      msg += rule;
+      msg += "': ";
+      msg += error;
+      msg += "\n";
       ssize_t n = write(2, msg.data(), msg.size());
       (void)n;
     }

@@ -17,8 +17,8 @@ void fill(Identity &out) {
     std::uint64_t v = sec * 1000000000ULL + out.stx.stx_btime.tv_nsec;
     out.generation = static_cast<std::uint32_t>(v ^ (v >> 32));
     char buf[48];
-    std::snprintf(buf, sizeof buf, "%llu.%09u", static_cast<unsigned long long>(sec),
-                  out.stx.stx_btime.tv_nsec);
+    (void)std::snprintf(buf, sizeof buf, "%llu.%09u", static_cast<unsigned long long>(sec),
+                        out.stx.stx_btime.tv_nsec);
     out.born = buf;
   } else {
     out.generation = 0;

@@ -29,14 +29,15 @@ std::string join(const std::string &dir, const std::string &name) {
 // at the top, directory k >= kFanout below directory k / kFanout - 1.
 std::string dir_rel(std::uint64_t k) {
   char name[32];
-  std::snprintf(name, sizeof name, "d%05llu", static_cast<unsigned long long>(k));
+  (void)std::snprintf(name, sizeof name, "d%05llu", static_cast<unsigned long long>(k));
   return k < kFanout ? std::string(name) : dir_rel(k / kFanout - 1) + "/" + name;
 }
 }  // namespace
 
 std::string file_name(char prefix, std::uint64_t number) {
   char name[32];
-  std::snprintf(name, sizeof name, "%c%07llu", prefix, static_cast<unsigned long long>(number));
+  (void)std::snprintf(name, sizeof name, "%c%07llu", prefix,
+                      static_cast<unsigned long long>(number));
   return name;
 }
 

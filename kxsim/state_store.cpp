@@ -11,7 +11,7 @@ namespace kxsim {
 
 std::string StateStore::fs_dir(std::uint64_t fsid) const {
   char buf[20];
-  std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(fsid));
+  (void)std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(fsid));
   return dir_ + "/" + buf;
 }
 

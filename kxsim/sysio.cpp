@@ -107,7 +107,7 @@ bool make_dirs(const std::string &path, unsigned mode) {
 std::string fd_path(int fd) {
   char link[64];
   char target[4096];
-  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  (void)std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
   ssize_t n = readlink(link, target, sizeof target);
   if (n <= 0 || static_cast<std::size_t>(n) >= sizeof target) return {};
   std::string out(target, static_cast<std::size_t>(n));

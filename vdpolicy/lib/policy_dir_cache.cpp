@@ -48,7 +48,7 @@ void record_dir_time(dm_fsid_t fsid) {
 
 char *format_key_name(uint64_t key) {
   char name[32];
-  std::snprintf(name, sizeof name, "key_%ld", static_cast<long>(key));
+  (void)std::snprintf(name, sizeof name, "key_%ld", static_cast<long>(key));
   return vdpol::dup_text(name);
 }
 

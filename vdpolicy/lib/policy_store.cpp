@@ -320,7 +320,8 @@ void unhash_policy(Policy_t *policy) {
     pol = *link;
   }
   if (pol == nullptr) return;  // not in its bucket: not ours to release
-  KX_ASSERT(policy == NULL || pol == policy);
+  // The assertion's text is the message a broken hash chain panics with.
+  KX_ASSERT(policy == NULL || pol == policy);  // NOLINT(modernize-use-nullptr)
   *link = state_of(pol)->polst_next;
   state_of(pol)->polst_next = nullptr;
   release_policy_locked(pol);

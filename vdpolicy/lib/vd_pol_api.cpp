@@ -55,7 +55,7 @@ int vdpol_open(const char *dir_path, vdpol_hndl_s **handle, char *errbuf, size_t
   int rc = handle != nullptr
                ? open_handle(dir_path, h, msg)
                : msg.fail(kInvalid, "VDPOL: ERROR(%d): No handle supplied.", kInvalid);
-  if (rc == 0) {
+  if (rc == 0 && h != nullptr && handle != nullptr) {
     API_TRACE("Exit: vdpol_open(%s,%p,0x%lx): OK\n", dir_path, static_cast<void *>(h),
               static_cast<unsigned long>(h->VdpDmFsId));
     *handle = h;
@@ -90,7 +90,7 @@ int vdpol_load(vdpol_hndl_s *handle, const char *name, vdp_key_t key, Vdp_t **re
       release_policy(policy);
     }
   }
-  if (rc == 0) {
+  if (rc == 0 && record != nullptr) {
     *record = r;
     API_TRACE("Exit: vdpol_load(h=%p nm=%s key=%ld) OK\n", static_cast<void *>(handle), shown(name),
               static_cast<long>(key));

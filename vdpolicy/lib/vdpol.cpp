@@ -51,17 +51,15 @@ struct Builder {
     if (rc != 0) return;
     origin(VDP_SLOT_REP_INPUT);
     const uint32_t flags = c->polcfg_rep_flags;
+    r->vdp_rep_input_ctrl = 0;  // off, or never set
     if ((flags & VDP_REP_INPUT_ON) != 0)
       r->vdp_rep_input_ctrl = 1;
-    else if ((flags & VDP_REP_INPUT_OFF) != 0)
-      r->vdp_rep_input_ctrl = 0;
-    else if ((flags & VDP_REP_INPUT_DISABLED) != 0)
+    else if ((flags & VDP_REP_INPUT_OFF) == 0 && (flags & VDP_REP_INPUT_DISABLED) != 0)
       r->vdp_rep_input_ctrl = -1;
-    else if (c->polcfg_origin[VDP_SLOT_REP_INPUT] != VDP_ORIGIN_DEFAULT)
+    else if ((flags & VDP_REP_INPUT_MASK) == 0 &&
+             c->polcfg_origin[VDP_SLOT_REP_INPUT] != VDP_ORIGIN_DEFAULT)
       rc = msg.fail(kInvalid, "Policy: Invalid rep flags (%d/0x%X)",
                     static_cast<int>(c->polcfg_origin[VDP_SLOT_REP_INPUT]), flags);
-    else
-      r->vdp_rep_input_ctrl = 0;
   }
 
   void targets() {
@@ -195,7 +193,7 @@ int _policy_to_vdp(Vdp_t **record, const PolicyConfig_t *config, char *errbuf, s
   *record = nullptr;
   Vdp_t *r = nullptr;
   int rc = vdp_alloc(&r, errbuf, errlen);
-  if (rc != 0) return rc;
+  if (rc != 0 || r == nullptr) return rc != 0 ? rc : kNoMemory;
   Message msg(errbuf, errlen);
   Builder builder{r, config, msg};
   builder.fill();

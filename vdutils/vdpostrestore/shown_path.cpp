@@ -27,7 +27,7 @@ std::string shell_quote(const char *path) {
       default:
         if (c < 0x20 || c == 0x7f) {
           char hex[5];
-          std::snprintf(hex, sizeof hex, "\\x%02x", c);
+          (void)std::snprintf(hex, sizeof hex, "\\x%02x", c);
           out += hex;
         } else {
           out += static_cast<char>(c);
