@@ -1,10 +1,16 @@
 #!/bin/sh
 # Tree-walk benchmark of vdpostrestore (dry run, default verbosity) against
 # a minimal C walker and find(1), on simulated restored trees with 10% of
-# the files without blocks.
+# the files without blocks; then the tool on a tree that the policy engine
+# manages against the tool on a plain tree of the same size.
 #
 # usage: bench_walk.sh <vdpostrestore> <kxsim> <cwalk> <work dir>
-# The trees are kept in <work dir> and reused by later runs.
+# The trees are kept in <work dir> and reused by later runs. BENCH_RUNS sets
+# the repetitions (3). For the managed comparison the driver's state lives
+# in a scratch directory under BENCH_STATE_DIR (/dev/shm): a driver keeps
+# policy information in the file system's own metadata, while the simulator
+# replaces one file per request; on a disk that bookkeeping, not the tool,
+# would set the time.
 set -eu
 
 TOOL=$1
@@ -13,21 +19,43 @@ CWALK=$3
 WORK=$4
 RUNS=${BENCH_RUNS:-3}
 mkdir -p "$WORK"
-unset KXSIM_FAULTS KXSIM_LOG || true
+unset KXSIM_FAULTS KXSIM_FAULTS_FILE KXSIM_LOG KXFSCONF || true
 
-# tree <files> <dirs>: prints the tree's directory, making it if needed.
-tree() {
-  dir="$WORK/n$1"
-  if [ ! -f "$dir/complete" ]; then
+# The managed tree: 50 keys with 20 keyed directories each, every keyed
+# directory with three directories of 20 files, beside a plain part that
+# brings the total to 200,000 files.
+M_KEYS=50
+M_KEYED=20
+M_RP=1
+M_MFILES=20
+M_DIRS=2000
+M_TOTAL=200000
+M_MDIRS=$(((M_KEYS * M_KEYED + M_RP) * 3))
+M_FILES=$((M_TOTAL - M_MDIRS * M_MFILES))
+# A managed run within this factor of the unmanaged one is the team's goal.
+GOAL=1.3
+
+# build <name> <populate args...>: prints the directory of a simulated tree,
+# making it if needed. The populate arguments are recorded with the tree so
+# that a change of them rebuilds it rather than measuring a stale shape.
+build() {
+  dir="$WORK/$1"
+  shift
+  if [ ! -f "$dir/complete" ] || [ "$(cat "$dir/complete")" != "$*" ]; then
     rm -rf "$dir"
     mkdir -p "$dir"
     KXSIM_CONFIG="$dir/kxsim.conf" "$KXSIM" mkfs "$dir/fs" >&2
-    KXSIM_CONFIG="$dir/kxsim.conf" "$KXSIM" populate "$dir/fs" --dirs "$2" --files "$1" \
-      --blockless 10 --seed 1 >&2
-    touch "$dir/complete"
+    KXSIM_CONFIG="$dir/kxsim.conf" "$KXSIM" populate "$dir/fs" "$@" >&2
+    # A dry run of the tool strips the policy engine's information, so every
+    # timed run starts again from this copy of the driver's state.
+    cp -a "$dir/kxsim.conf.state" "$dir/pristine.state"
+    echo "$*" >"$dir/complete"
   fi
   echo "$dir"
 }
+
+# tree <files> <dirs>: a plain tree.
+tree() { build "n$1" --dirs "$2" --files "$1" --blockless 10 --seed 1; }
 
 # best <command...>: prints the best wall time and the best CPU time (user
 # plus system) of $RUNS runs in seconds, and the largest peak resident size
@@ -50,6 +78,48 @@ best() {
 
 ratio() { awk "BEGIN{ if ($2 > 0) printf \"%.2f\", $1 / $2; else print \"n/a\" }"; }
 
+# spread <numbers...>: prints "median (min-max)" of the numbers.
+spread() {
+  printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 }
+    END { m = NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2
+          printf "%.2f (%.2f-%.2f)", m, v[1], v[NR] }'
+}
+
+# stage <tree dir> <config>: registers the tree's mount in another
+# configuration with the fsid and rename tracking it was built with, so that
+# its saved state applies there.
+stage() {
+  rm -rf "$2" "$2.state"
+  mkdir -p "$(dirname "$2")"
+  set -- "$1" "$2" $(awk '$1 == "mount" { print $2, ($3 == 1 ? "on" : "off"); exit }' \
+    "$1/kxsim.conf")
+  KXSIM_CONFIG="$2" "$KXSIM" mkfs "$1/fs" --fsid "$3" --rename-tracking "$4" >/dev/null
+}
+
+# restore <tree dir> <config>: puts back the driver's state the tree was
+# built with.
+restore() {
+  rm -rf "$2.state"
+  cp -a "$1/pristine.state" "$2.state"
+  # Leave no writeback of the copy to land in the timed run.
+  sync -f "$2.state"
+}
+
+# tool <tree dir> <config> <log>: one timed dry run of the tool on the tree;
+# leaves "wall cpu peak-KiB" in $WORK/time.out. Fails the benchmark if the
+# tool fails, as its time would then measure an aborted walk.
+tool() {
+  if ! /usr/bin/time -f '%e %U %S %M' -o "$WORK/time.out" \
+    env KXSIM_CONFIG="$2" "$KXSIM" run -- "$TOOL" -b -f "$3" "$1/fs" \
+    >/dev/null 2>"$WORK/tool.err"; then
+    echo "bench_walk: vdpostrestore failed on $1/fs:" >&2
+    cat "$WORK/tool.err" >&2
+    exit 1
+  fi
+  read -r secs user sys kb <"$WORK/time.out"
+  echo "$secs $(awk "BEGIN{printf \"%.2f\", $user + $sys}") $kb" >"$WORK/time.out"
+}
+
 echo "vdpostrestore walk benchmark: best of $RUNS runs, trees in $WORK"
 for spec in "50000 500" "200000 2000"; do
   set -- $spec
@@ -71,3 +141,73 @@ for spec in "50000 500" "200000 2000"; do
     "$(ratio "$t_t" "$t_c")" "$(ratio "$t_t" "$t_f")" "$(ratio "$c_t" "$c_c")" \
     "$(ratio "$c_t" "$c_f")"
 done
+
+# Managed against unmanaged: the unmanaged tree has as many directories and
+# files and the same blockless share, so the ratio is what policies cost.
+mdir=$(build "m$M_TOTAL" --managed --dirs "$M_DIRS" --files "$M_FILES" --blockless 10 \
+  --keys "$M_KEYS" --keyed-dirs "$M_KEYED" --relation-points "$M_RP" \
+  --managed-files "$M_MFILES" --stored 50 --seed 1)
+udir=$(build "u$M_TOTAL" --dirs "$((M_DIRS + M_MDIRS))" --files "$M_TOTAL" --blockless 10 \
+  --seed 1)
+state_root=${BENCH_STATE_DIR:-/dev/shm}
+if [ ! -d "$state_root" ] || [ ! -w "$state_root" ]; then state_root=$WORK; fi
+STATE=$(mktemp -d "$state_root/vdpostrestore-bench.XXXXXX")
+trap 'rm -rf "$STATE"' EXIT
+trap 'exit 1' HUP INT TERM
+mconf="$STATE/m/kxsim.conf"
+uconf="$STATE/u/kxsim.conf"
+stage "$mdir" "$mconf"
+stage "$udir" "$uconf"
+restore "$mdir" "$mconf"
+restore "$udir" "$uconf"
+"$CWALK" "$udir/fs" >/dev/null
+"$CWALK" "$mdir/fs" >/dev/null
+# One untimed run each, so that the tool's own pages and the policy files
+# are as warm for the first timed run as for the last.
+tool "$mdir" "$mconf" "$WORK/managed.log"
+tool "$udir" "$uconf" "$WORK/unmanaged.log"
+m_walls="" m_cpus="" u_walls="" u_cpus="" r_walls="" r_cpus="" m_peak=0 u_peak=0
+pristine_count=$(find "$mdir/pristine.state" -type f | wc -l)
+for i in $(seq "$RUNS"); do
+  restore "$mdir" "$mconf"
+  # Alternate the order so that neither tree always runs on the heels of the
+  # other's restore.
+  if [ $((i % 2)) -eq 1 ]; then order="m u"; else order="u m"; fi
+  for which in $order; do
+    if [ "$which" = m ]; then
+      tool "$mdir" "$mconf" "$WORK/managed.log"
+      read -r m_wall m_cpu kb <"$WORK/time.out"
+      if [ "$kb" -gt "$m_peak" ]; then m_peak=$kb; fi
+    else
+      tool "$udir" "$uconf" "$WORK/unmanaged.log"
+      read -r u_wall u_cpu kb <"$WORK/time.out"
+      if [ "$kb" -gt "$u_peak" ]; then u_peak=$kb; fi
+    fi
+  done
+  # A run that strips nothing did not see a managed tree, and its time
+  # would compare nothing.
+  if [ "$(find "$mconf.state" -type f | wc -l)" -ge "$pristine_count" ]; then
+    echo "bench_walk: run $i on $mdir/fs stripped no policy information" >&2
+    exit 1
+  fi
+  m_walls="$m_walls $m_wall" m_cpus="$m_cpus $m_cpu"
+  u_walls="$u_walls $u_wall" u_cpus="$u_cpus $u_cpu"
+  r_walls="$r_walls $(ratio "$m_wall" "$u_wall")"
+  r_cpus="$r_cpus $(ratio "$m_cpu" "$u_cpu")"
+done
+m_reported=$(tail -n +4 "$WORK/managed.log" | wc -l)
+u_reported=$(tail -n +4 "$WORK/unmanaged.log" | wc -l)
+printf '\nmanaged: %s files in %s directories, %s keyed over %s keys (%s reported by the tool)\n' \
+  "$M_TOTAL" "$((M_DIRS + M_MDIRS))" "$((M_KEYS * M_KEYED))" "$M_KEYS" "$m_reported"
+printf 'unmanaged: same numbers of files and directories (%s reported by the tool)\n' \
+  "$u_reported"
+printf 'median (min-max) of %s interleaved runs, the driver state on %s and restored\n' \
+  "$RUNS" "$(stat -f -c %T "$STATE")"
+printf 'before each managed run\n'
+printf '                 wall                  cpu\n'
+printf '  unmanaged      %-20s  %-20s  peak RSS %s KiB\n' \
+  "$(spread $u_walls) s" "$(spread $u_cpus) s" "$u_peak"
+printf '  managed        %-20s  %-20s  peak RSS %s KiB\n' \
+  "$(spread $m_walls) s" "$(spread $m_cpus) s" "$m_peak"
+printf '  ratio managed/unmanaged wall: %s  cpu: %s   goal: <= %s\n' \
+  "$(spread $r_walls)" "$(spread $r_cpus)" "$GOAL"
