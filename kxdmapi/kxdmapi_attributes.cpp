@@ -136,11 +136,12 @@ int get_dmattr_fd(int file_fd, dm_sessid_t sid, dm_token_t token, const dm_attrn
   *rlenp = 0;
   if (ioctl(file_fd, kGetDmattr, &req) == -1) return -1;
   const size_t value_len = req.dm_gdmattr_buflen;
+  // A length the payload cannot hold is the file system's fault: never copy
+  // past the payload for it, nor pass it on as the length a caller should
+  // make room for.
+  if (value_len > sizeof req.dm_gdmattr_data) return fail(EIO);
   *rlenp = value_len;
   if (buflen < value_len) return fail(E2BIG);
-  // A length the payload cannot hold is the file system's fault; never copy
-  // past the payload for it.
-  if (value_len > sizeof req.dm_gdmattr_data) return fail(EIO);
   if (value_len != 0) memcpy(bufp, req.dm_gdmattr_data, value_len);
   return 0;
 }

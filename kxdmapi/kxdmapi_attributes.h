@@ -79,7 +79,9 @@ static_assert(sizeof(dm_fileattr_v2_t) == 64, "dm_fileattr_v2 is 64 bytes");
 #endif
 
 /* Reads attribute *attrnamep into bufp. *rlenp is set to the value's length;
- * when buflen is smaller the call fails with E2BIG and copies nothing. */
+ * when buflen is smaller the call fails with E2BIG and copies nothing. A
+ * length beyond DM_ATTR_VALUE_MAX from the file system fails with EIO and
+ * leaves *rlenp 0. */
 int dm_get_dmattr_fd(int file_fd, dm_sessid_t sid, dm_token_t token, const dm_attrname_t *attrnamep,
                      size_t buflen, void *bufp, size_t *rlenp);
 /* Sets attribute *attrnamep to buflen bytes (at most 128) of bufp. */

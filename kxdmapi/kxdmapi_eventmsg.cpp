@@ -26,12 +26,15 @@ bool event_file_type(dm_eventtype_t event) {
 }
 
 // Sends a request whose reply length comes back in payload.buflen. The
-// length is stored on failure too: with E2BIG it is the length needed.
+// length is stored on failure too: with E2BIG it is the length needed. A
+// success that claims more than the caller's buflen cannot have been written
+// there: the driver's fault, never a success to read the buffer by.
 template <typename Payload>
-int call_with_reply_len(int func, Payload &payload, size_t *rlenp) {
+int call_with_reply_len(int func, Payload &payload, size_t buflen, size_t *rlenp) {
   const int rc = kxdmapi_call_driver(func, &payload, sizeof payload);
   *rlenp = static_cast<size_t>(payload.buflen);
-  return rc == 0 ? 0 : -1;
+  if (rc != 0) return -1;
+  return payload.buflen > buflen ? fail(EIO) : 0;
 }
 
 }  // namespace
@@ -45,7 +48,7 @@ int dm_get_events(dm_sessid_t sid, unsigned int maxmsgs, unsigned int flags, siz
   payload.flags = flags;
   payload.buflen = buflen;
   payload.buf = user_address(bufp);
-  return call_with_reply_len(DMIG_GET_EVENTS, payload, rlenp);
+  return call_with_reply_len(DMIG_GET_EVENTS, payload, buflen, rlenp);
 }
 
 int dm_find_eventmsg(dm_sessid_t sid, dm_token_t token, size_t buflen, void *bufp, size_t *rlenp) {
@@ -55,7 +58,7 @@ int dm_find_eventmsg(dm_sessid_t sid, dm_token_t token, size_t buflen, void *buf
   payload.token = token;
   payload.buflen = buflen;
   payload.buf = user_address(bufp);
-  return call_with_reply_len(DMIG_FIND_EVENTMSG, payload, rlenp);
+  return call_with_reply_len(DMIG_FIND_EVENTMSG, payload, buflen, rlenp);
 }
 
 int dm_respond_event(dm_sessid_t sid, dm_token_t token, dm_response_t response, int reterror,

@@ -246,5 +246,6 @@ int dm_getall_disp(dm_sessid_t sid, size_t buflen, void *bufp, size_t *rlenp) {
     KXDMAPI_TRACE("dm_set_disp: failed, errno/%d\n", errno);
     return -1;
   }
-  return 0;
+  // More than the caller's buffer cannot have been written there.
+  return payload.buflen > buflen ? fail(EIO) : 0;
 }

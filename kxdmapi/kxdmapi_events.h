@@ -111,7 +111,8 @@ int dm_get_eventlist_fd(int fd, dm_sessid_t sid, dm_token_t token, unsigned int 
 /* The global handle is allowed here. */
 int dm_set_disp(dm_sessid_t sid, const void *hanp, size_t hlen, dm_token_t token,
                 const dm_eventset_t *eventsetp, unsigned int maxevent);
-/* *rlenp is stored even when the request fails. */
+/* *rlenp is stored even when the request fails; a reply longer than buflen
+ * fails with EIO. */
 int dm_getall_disp(dm_sessid_t sid, size_t buflen, void *bufp, size_t *rlenp);
 int dm_get_events(dm_sessid_t sid, unsigned int maxmsgs, unsigned int flags, size_t buflen,
                   void *bufp, size_t *rlenp);

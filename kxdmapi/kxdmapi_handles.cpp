@@ -176,7 +176,7 @@ extern "C" int dm_fd_to_handle(int fd, void **hanpp, size_t *hlenp) {
   *hanpp = nullptr;
   unsigned char payload[KXDMAPI_PATH_TO_HANDLE_LEN] = {};
   kxdmapi::put_native<int32_t>(payload, kxdmapi::p2h::kFd, fd);
-  if (ioctl(fd, KXDMAPI_IOC_FD_TO_HANDLE, payload) != 0) {
+  if (kxdmapi::request_result(ioctl(fd, KXDMAPI_IOC_FD_TO_HANDLE, payload)) != 0) {
     KXDMAPI_TRACE_EXIT("dm_fd_to_handle: could not fcntl, errno/%d\n", errno);
     return -1;
   }

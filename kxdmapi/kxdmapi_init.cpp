@@ -11,6 +11,7 @@
 
 #include "kxdmapi/kxdmapi_debug.h"
 #include "kxdmapi/kxdmapi_raii.h"
+#include "kxdmapi/kxdmapi_wire.h"
 #include "libutil/mutex.h"
 
 static_assert(sizeof(Dmig) == 24, "Dmig is the driver's 24-byte frame");
@@ -107,7 +108,7 @@ extern "C" int kxdmapi_call_driver(int func, void *pdata, size_t len) {
     per_request.reset();
     if (result != -1 || saved_errno != EBADF) {
       errno = saved_errno;
-      return result;
+      return kxdmapi::request_result(result);
     }
     if (!owned) drop_stale(fd);
     errno = saved_errno;

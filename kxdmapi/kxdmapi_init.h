@@ -70,8 +70,9 @@ extern char kxdmapi_version_string[KXDMAPI_VERSION_STRING_SIZE];
 extern const char *kxdmapi_Prog;
 
 /* Sends one request. Returns the ioctl result (0, or -1 with the driver's
- * errno); -1 with ENOSYS when the control device cannot be opened; -1 with
- * EINVAL when len does not fit the frame. The payload is the caller's. */
+ * errno; -1 with EIO for any other result); -1 with ENOSYS when the control
+ * device cannot be opened; -1 with EINVAL when len does not fit the frame.
+ * The payload is the caller's. */
 int kxdmapi_call_driver(int func, void *pdata, size_t len);
 
 /* Opens the channel and initialises the service. 0 with *versionstrpp

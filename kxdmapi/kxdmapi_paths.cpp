@@ -42,6 +42,9 @@ constexpr size_t kDirLen = 64;
 constexpr size_t kTargHandle = 72;
 constexpr size_t kTargLen = 136;
 constexpr size_t kPath = 144;
+// A path as long as the field fills it and has no terminator.
+constexpr size_t kPathMax = KXDMAPI_HANDLE_TO_PATH_LEN - kPath;
+static_assert(kPathMax == DM_PATH_MAX);
 }  // namespace h2p
 
 // Handles whose bytes can be copied: valid and not the global marker.
@@ -65,11 +68,10 @@ int query_relative_path(int mntfd, const void *dirhanp, size_t dirhlen, const vo
   put_native<uint64_t>(reply, h2p::kDirLen, dirhlen);
   std::memcpy(reply + h2p::kTargHandle, targhanp, targhlen);
   put_native<uint64_t>(reply, h2p::kTargLen, targhlen);
-  if (ioctl(mntfd, KXDMAPI_IOC_HANDLE_TO_PATH, reply) != 0) {
+  if (kxdmapi::request_result(ioctl(mntfd, KXDMAPI_IOC_HANDLE_TO_PATH, reply)) != 0) {
     KXDMAPI_TRACE("dm_handle_to_path: could not fcntl, errno/%d\n", errno);
     return -1;
   }
-  reply[KXDMAPI_HANDLE_TO_PATH_LEN - 1] = '\0';
   return 0;
 }
 
@@ -210,7 +212,9 @@ extern "C" int dm_handle_to_path(const void *dirhanp, size_t dirhlen, const void
   if (rc != 0) return -1;
   const char *relative = reinterpret_cast<const char *>(reply + h2p::kPath);
   size_t mntlen = std::strlen(mntpnt);
-  size_t rellen = std::strlen(relative);
+  // All of a path that fills the field: cutting it would name another file.
+  size_t rellen = dm_strnlen(relative, h2p::kPathMax);
+  const int relprec = static_cast<int>(rellen);
   // The separator is counted even when the relative path brings its own.
   *rlenp = rellen != 0 ? mntlen + rellen + 2 : mntlen + 1;
   if (*rlenp > buflen) {
@@ -221,9 +225,9 @@ extern "C" int dm_handle_to_path(const void *dirhanp, size_t dirhlen, const void
   if (rellen == 0)
     KxSnprintf(pathbufp, buflen, "%s", mntpnt);
   else if (relative[0] == '/')
-    KxSnprintf(pathbufp, buflen, "%s%s", mntpnt, relative);
+    KxSnprintf(pathbufp, buflen, "%s%.*s", mntpnt, relprec, relative);
   else
-    KxSnprintf(pathbufp, buflen, "%s/%s", mntpnt, relative);
+    KxSnprintf(pathbufp, buflen, "%s/%.*s", mntpnt, relprec, relative);
   KXDMAPI_TRACE("dm_handle_to_path: success\n");
   return 0;
 }

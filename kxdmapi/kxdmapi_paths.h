@@ -36,7 +36,8 @@ int dm_path_to_handle_client_nf(const char *path, void **hanpp, size_t *hlenp);
 int dm_path_to_fshandle(const char *path, void **hanpp, size_t *hlenp);
 
 /* Path of the target handle: the mount point joined with the target's path
- * relative to dirhanp (or to the file-system root when dirhanp is null).
+ * relative to dirhanp (or to the file-system root when dirhanp is null),
+ * all DM_PATH_MAX bytes of it when the file system's reply fills its field.
  * *rlenp is always set to the bytes needed including the NUL; ERANGE when
  * that exceeds buflen (nothing written), EINVAL, EBADF, ENOENT (file system
  * not mounted), or the driver's errno. */

@@ -60,4 +60,13 @@ inline bool reply_handle_fits(const unsigned char *buf, size_t max, size_t *len)
   return false;
 }
 
+// A request's result as 0, or -1 with errno. An ioctl may return any
+// non-negative number; a driver that answers other than 0 or -1 left no errno
+// to report, and callers take every non-zero result for a failure.
+inline int request_result(int result) {
+  if (result == 0 || result == -1) return result;
+  errno = EIO;
+  return -1;
+}
+
 }  // namespace kxdmapi
