@@ -15,17 +15,28 @@
 #ifndef KXSIM_RUNTIME_PRELOAD
 #define KXSIM_RUNTIME_PRELOAD ""
 #endif
+// Where an installed libkxsim.so lies, relative to the installed kxsim
+// (e.g. "../lib"); empty in builds that are never installed.
+#ifndef KXSIM_LIBDIR_FROM_BINDIR
+#define KXSIM_LIBDIR_FROM_BINDIR ""
+#endif
 
 namespace kxsim::cli {
 
 namespace {
-// libkxsim.so lives next to the kxsim binary.
+// libkxsim.so lives next to the kxsim binary in the build tree, and in the
+// library directory once installed (KXSIM_LIBDIR_FROM_BINDIR away from it).
 std::string library_path() {
   char self[PATH_MAX];
   ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
   if (n <= 0) return {};
   std::string dir(self, static_cast<std::size_t>(n));
-  return dir.substr(0, dir.rfind('/')) + "/libkxsim.so";
+  dir.erase(dir.rfind('/'));
+  std::string beside = dir + "/libkxsim.so";
+  std::string installed_dir = KXSIM_LIBDIR_FROM_BINDIR;
+  if (installed_dir.empty() || access(beside.c_str(), R_OK) == 0) return beside;
+  if (installed_dir.front() != '/') installed_dir = dir + "/" + installed_dir;
+  return installed_dir + "/libkxsim.so";
 }
 
 // A sanitizer runtime (in instrumented builds) must come first, then any

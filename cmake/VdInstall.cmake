@@ -1,0 +1,90 @@
+# Installed libraries. Each library is compiled once (an OBJECT library,
+# position-independent) and linked twice: lib<name>.a for the tool and the
+# tests, lib<name>.so.<version> for applications. Both go into the export set
+# VdTargets (namespace Vd::, see VdPackage.cmake): Vd::<name> is the shared
+# library, Vd::<name>_static the archive. Each also gets <name>.pc.
+include_guard(GLOBAL)
+include(GNUInstallDirs)
+
+# vd_add_library(<target> NAME <installed name> DESCRIPTION <text> SOURCES <files...>
+#                [DEPENDS <targets...>] [REQUIRES <pc names...>]
+#                [REQUIRES_PRIVATE <pc names...>])
+# Makes <target> (static; the name the project links) and <target>_shared.
+# DEPENDS are public: project libraries (static; their _shared twin is used
+# for the shared library) or imported targets such as Threads::Threads.
+function(vd_add_library target)
+  cmake_parse_arguments(ARG "" "NAME;DESCRIPTION" "SOURCES;DEPENDS;REQUIRES;REQUIRES_PRIVATE"
+                        ${ARGN})
+  add_library(${target}_objects OBJECT ${ARG_SOURCES})
+  target_include_directories(${target}_objects PRIVATE ${VD_INCLUDE_ROOT})
+  target_link_libraries(${target}_objects PRIVATE ${ARG_DEPENDS} vd_strict_warnings)
+
+  set(shared_depends "")
+  foreach(dep IN LISTS ARG_DEPENDS)
+    if(TARGET ${dep}_shared)
+      list(APPEND shared_depends ${dep}_shared)
+    else()
+      list(APPEND shared_depends ${dep})
+    endif()
+  endforeach()
+
+  add_library(${target} STATIC $<TARGET_OBJECTS:${target}_objects>)
+  target_link_libraries(${target} PUBLIC ${ARG_DEPENDS})
+  set_target_properties(${target} PROPERTIES OUTPUT_NAME ${ARG_NAME} EXPORT_NAME ${ARG_NAME}_static)
+
+  add_library(${target}_shared SHARED $<TARGET_OBJECTS:${target}_objects>)
+  target_link_libraries(${target}_shared PUBLIC ${shared_depends})
+  set_target_properties(${target}_shared PROPERTIES
+    OUTPUT_NAME ${ARG_NAME} EXPORT_NAME ${ARG_NAME}
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    # Installed, each finds the others beside it, whatever the prefix.
+    INSTALL_RPATH "$ORIGIN")
+
+  foreach(t ${target} ${target}_shared)
+    target_include_directories(${t} PUBLIC
+      $<BUILD_INTERFACE:${VD_INCLUDE_ROOT}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  endforeach()
+
+  set_property(GLOBAL APPEND PROPERTY VD_INSTALLED_TARGETS ${target} ${target}_shared)
+  install(TARGETS ${target} ${target}_shared EXPORT VdTargets
+          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+          INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  vd_install_pkgconfig(${ARG_NAME} "${ARG_DESCRIPTION}" "${ARG_REQUIRES}"
+                       "${ARG_REQUIRES_PRIVATE}")
+endfunction()
+
+# vd_install_pkgconfig(<name> <description> <requires> <requires.private>)
+# The prefix is the one of the install run (cmake --install --prefix, or the
+# package's), so the file is completed at install time.
+function(vd_install_pkgconfig name description requires requires_private)
+  foreach(kind LIBDIR INCLUDEDIR)
+    if(IS_ABSOLUTE "${CMAKE_INSTALL_${kind}}")
+      set(VD_PC_${kind} "${CMAKE_INSTALL_${kind}}")
+    else()
+      set(VD_PC_${kind} "\${prefix}/${CMAKE_INSTALL_${kind}}")
+    endif()
+  endforeach()
+  set(VD_PC_NAME ${name})
+  set(VD_PC_DESCRIPTION "${description}")
+  list(JOIN requires ", " VD_PC_REQUIRES)
+  list(JOIN requires_private ", " VD_PC_REQUIRES_PRIVATE)
+  set(VD_PC_PREFIX "@VD_PC_INSTALL_PREFIX@")  # left for the install step
+  set(template ${PROJECT_BINARY_DIR}/pkgconfig/${name}.pc.in)
+  configure_file(${CMAKE_CURRENT_FUNCTION_LIST_DIR}/vd_library.pc.in ${template} @ONLY)
+
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+    set(destination "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+  else()
+    set(destination "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+  endif()
+  # One scratch file per destination: installs into different prefixes may
+  # run at the same time (the install test, the package check).
+  install(CODE "
+    string(SHA1 _vd_pc_scratch \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}\")
+    set(VD_PC_INSTALL_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
+    configure_file(\"${template}\"
+                   \"${PROJECT_BINARY_DIR}/pkgconfig/\${_vd_pc_scratch}/${name}.pc\" @ONLY)
+    file(INSTALL \"${PROJECT_BINARY_DIR}/pkgconfig/\${_vd_pc_scratch}/${name}.pc\"
+         DESTINATION \"${destination}\")")
+endfunction()
