@@ -41,6 +41,19 @@ TEST_F(PostRestoreContainmentTest, DirectorySwappedForSymlinkIsNotFollowed) {
   EXPECT_EQ(std::string::npos, fs.log().find("victim")) << fs.log();
 }
 
+// Replaced by another directory between its examination and its open: the
+// walk would read the other with this one's policy view, so it stops.
+TEST_F(PostRestoreContainmentTest, DirectoryReplacedBeforeItsOpenEndsTheRun) {
+  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
+                        "kind=open,path=/a/sub,count=1,run=mv " + fs.path("a/sub") + " " +
+                            (fs.root() / "parked").string() + " && mkdir " + fs.path("a/sub"));
+  ASSERT_TRUE(std::filesystem::exists(fs.root() / "parked/inner")) << "the race did not happen";
+  EXPECT_EQ(1, r.status) << r.out;
+  EXPECT_NE(std::string::npos, r.err.find("Directory " + fs.path("a/sub") +
+                                          " changed while it was being processed.\n"))
+      << r.err;
+}
+
 // Swapped while its handle is resolved: the relation-point answer would
 // belong to another directory, so the run stops instead of using it.
 TEST_F(PostRestoreContainmentTest, DirectorySwappedWhileResolvedEndsTheRun) {

@@ -1,7 +1,6 @@
 // The depth-first walk of the tree under Mount_Point.
 #include "dir_walk.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -10,6 +9,7 @@
 #include <cstring>
 
 #include "dir_attrs.h"
+#include "dir_entries.h"
 #include "dir_policy.h"
 #include "dir_state.h"
 #include "file_rules.h"
@@ -37,11 +37,9 @@ class Walker {
   explicit Walker(const char *root) { path_.assign(root); }
 
   bool run() {
-    struct stat root_st;
-    if (stat(path_.c_str(), &root_st) == 0) root_dev_ = root_st.st_dev;
     // The mount point itself may be reached through a symbolic link, as the
     // administrator named it; nothing below it is.
-    return process_directory(AT_FDCWD, path_.c_str(), nullptr, false);
+    return process_directory(AT_FDCWD, path_.c_str(), nullptr, nullptr, false);
   }
 
  private:
@@ -120,9 +118,22 @@ class Walker {
     return true;
   }
 
+  // The directory opened must be the entry examined (`entry`, null for the
+  // mount point): one swapped in between, by a rename or a new directory in
+  // its place, would be walked with the policy view of another.
+  bool opened_as_examined(const struct stat &opened, const struct stat *entry) const {
+    if (entry != nullptr && (opened.st_dev != entry->st_dev || opened.st_ino != entry->st_ino)) {
+      ErrPrintf("Directory %s changed while it was being processed.\n",
+                ShownPath(path_.c_str()).c_str());
+      return false;
+    }
+    return true;
+  }
+
   // A record inherited from the parent (vdp) is the parent's; one loaded
   // here is freed when this directory is done.
-  bool process_directory(int parent_fd, const char *name, const Vdp_t *vdp, bool tsm_managed) {
+  bool process_directory(int parent_fd, const char *name, const struct stat *entry,
+                         const Vdp_t *vdp, bool tsm_managed) {
     VPrintf(1, "Processing directory %s.\n", ShownPath(path_.c_str()).c_str());
     const DepthLevel level(depth_);
     UniqueFd fd = open_directory(parent_fd, name);
@@ -130,30 +141,26 @@ class Walker {
     struct stat stat_buff;
     if (fstat(fd.get(), &stat_buff) != 0) return fail("stat directory");
     KX_ASSERT(S_ISDIR(stat_buff.st_mode));
+    if (!opened_as_examined(stat_buff, entry)) return false;
+    if (entry == nullptr) root_dev_ = stat_buff.st_dev;
 
     DirState state;
     if (!examine_directory(fd.get(), stat_buff, vdp, tsm_managed, state)) return false;
 
     VPrintf(4, "Calling opendir.\n");
-    DirStream dir(fdopendir(fd.get()));
-    if (!dir) return fail("open directory");
-    fd.release();  // now owned by the stream
-    return process_entries(dir.get(), state);
+    DirEntries entries(std::move(fd));
+    return process_entries(entries, state);
   }
 
-  bool process_entries(DIR *dir, const DirState &state) {
-    const int dir_fd = dirfd(dir);
-    for (;;) {
-      errno = 0;
-      const struct dirent *entry = readdir(dir);
-      if (entry == nullptr) break;
-      VPrintf(3, "Got directory entry: %s\n", entry->d_name);
+  bool process_entries(DirEntries &entries, const DirState &state) {
+    while (const char *name = entries.next()) {
+      VPrintf(3, "Got directory entry: %s\n", name);
       if (stop_requested()) return false;
-      if (is_dot_or_dotdot(entry->d_name)) {
+      if (is_dot_or_dotdot(name)) {
         VPrintf(3, "  Skipping entry.\n");
         continue;
       }
-      if (!process_entry(dir_fd, entry->d_name, state)) return false;
+      if (!process_entry(entries.fd(), name, state)) return false;
     }
     // A stream that fails part-way would leave the log silently incomplete.
     if (errno != 0) return fail("read directory");
@@ -175,7 +182,7 @@ class Walker {
     }
     if (S_ISDIR(st.st_mode)) {
       VPrintf(3, "Recursing, found a directory.\n");
-      return process_directory(dir_fd, name, state.local_vdp, state.relation_point);
+      return process_directory(dir_fd, name, &st, state.local_vdp, state.relation_point);
     }
     if (S_ISREG(st.st_mode))
       return apply_file_rules(FileRef{dir_fd, name, path_.c_str()}, st, state);

@@ -1,10 +1,8 @@
-// Owners for the descriptors and directory streams of the walk.
+// The owner of the walk's descriptors.
 #pragma once
 
-#include <dirent.h>
 #include <unistd.h>
 
-#include <memory>
 #include <utility>
 
 // A move-only file descriptor, closed when the owner goes away.
@@ -32,9 +30,3 @@ class UniqueFd {
  private:
   int fd_ = -1;
 };
-
-struct DirCloser {
-  void operator()(DIR *dir) const { ::closedir(dir); }
-};
-// A directory stream; it owns the descriptor it was made from.
-using DirStream = std::unique_ptr<DIR, DirCloser>;
