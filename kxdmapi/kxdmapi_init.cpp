@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "kxdmapi/kxdmapi_debug.h"
-#include "kxdmapi/kxdmapi_raii.h"
+#include "libutil/unique_fd.h"
 #include "kxdmapi/kxdmapi_wire.h"
 #include "libutil/mutex.h"
 
@@ -76,7 +76,7 @@ void drop_stale(int fd) {
   kx::MutexLock lock(&kxdmapi_dmfd_lock);
   if (load_dmfd() != fd) return;
   store_dmfd(-1);
-  kxdmapi::UniqueFd stale(fd);
+  kx::UniqueFd stale(fd);
 }
 
 int send_frame(int fd, int func, void *pdata, size_t len) {
@@ -102,7 +102,7 @@ extern "C" int kxdmapi_call_driver(int func, void *pdata, size_t len) {
     int fd = take_descriptor(&owned);
     if (fd < 0) return -1;
     // In open-per-request mode the descriptor is this attempt's alone.
-    kxdmapi::UniqueFd per_request(owned ? fd : -1);
+    kx::UniqueFd per_request(owned ? fd : -1);
     result = send_frame(fd, func, pdata, len);
     int saved_errno = errno;
     per_request.reset();
@@ -136,7 +136,7 @@ static int open_channel_once(bool *first) {
 
 static void close_channel() {
   kx::MutexLock lock(&kxdmapi_dmfd_lock);
-  kxdmapi::UniqueFd channel(load_dmfd());
+  kx::UniqueFd channel(load_dmfd());
   store_dmfd(-1);
 }
 
@@ -163,7 +163,7 @@ extern "C" int dm_init_service(char **versionstrpp) {
 extern "C" void dm_release_dmfd(void) {
   kx::MutexLock lock(&kxdmapi_dmfd_lock);
   __atomic_store_n(&kxdmapi_dmfd_keep, 0, __ATOMIC_RELAXED);
-  kxdmapi::UniqueFd kept(load_dmfd());
+  kx::UniqueFd kept(load_dmfd());
   store_dmfd(-1);
 }
 

@@ -6,7 +6,7 @@
 
 #include "kxdmapi/kxdmapi_debug.h"
 #include "kxdmapi/kxdmapi_private.h"
-#include "kxdmapi/kxdmapi_raii.h"
+#include "libutil/unique_fd.h"
 #include "libutil/mutex.h"
 #include "libutil/snprintf.h"
 

@@ -13,7 +13,7 @@
 #include "kxdmapi/kxdmapi_handles.h"
 #include "kxdmapi/kxdmapi_init.h"
 #include "kxdmapi/kxdmapi_private.h"
-#include "kxdmapi/kxdmapi_raii.h"
+#include "libutil/unique_fd.h"
 #include "kxdmapi/kxdmapi_wire.h"
 #include "libutil/snprintf.h"
 
@@ -179,7 +179,7 @@ extern "C" int dm_handle_to_path(const void *dirhanp, size_t dirhlen, const void
   if (dm_fshandle_to_mountpoint(targhanp, targhlen, mntpnt) != 0)
     return handle_to_path_fail(ENOENT, 2092);
 
-  kxdmapi::UniqueFd mntfd(open(mntpnt, O_RDONLY | O_CLOEXEC));
+  kx::UniqueFd mntfd(open(mntpnt, O_RDONLY | O_CLOEXEC));
   if (!mntfd.valid()) {
     KXDMAPI_TRACE("dm_handle_to_path: open mntpath<%s>\n", mntpnt);
     KXDMAPI_TRACE("dm_handle_to_path: failed,  errno/%d\n", errno);

@@ -12,7 +12,7 @@
 #include "kxdmapi/kxdmapi_debug.h"
 #include "kxdmapi/kxdmapi_handles.h"
 #include "kxdmapi/kxdmapi_init.h"
-#include "kxdmapi/kxdmapi_raii.h"
+#include "libutil/unique_fd.h"
 #include "kxdmapi/kxdmapi_wire.h"
 #include "libutil/dopanic.h"
 #include "libutil/mutex.h"
@@ -30,7 +30,7 @@ dm_mnt_change_time_t saved_change_time = {0, 0};
 
 namespace {
 
-using kxdmapi::UniqueFd;
+using kx::UniqueFd;
 
 constexpr uint32_t kMinBuckets = 32;
 constexpr uint64_t kRenameTrackingBit = 1u << 8;

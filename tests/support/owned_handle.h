@@ -5,25 +5,15 @@
 #include <cstring>
 #include <string>
 
+#include "kxdmapi/dm_handle_owner.h"
 #include "kxdmapi/kxdmapi.h"
 
 namespace vdtest {
 
-struct OwnedHandle {
-  void *hanp = nullptr;
-  size_t hlen = 0;
-
-  OwnedHandle() = default;
-  OwnedHandle(const OwnedHandle &) = delete;
-  OwnedHandle &operator=(const OwnedHandle &) = delete;
-  ~OwnedHandle() { Reset(); }
-  void Reset() {
-    if (hanp != nullptr) dm_handle_free(hanp, hlen);
-    hanp = nullptr;
-  }
+struct OwnedHandle : kxdmapi::DmHandle {
   // dm_path_to_handle into this; "" on success, else the error text.
   std::string Resolve(const std::string &path) {
-    Reset();
+    reset();
     return dm_path_to_handle(path.c_str(), &hanp, &hlen) == 0 ? "" : strerror(errno);
   }
   std::string Hex() const {

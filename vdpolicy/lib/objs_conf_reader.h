@@ -21,6 +21,7 @@
 #include "libutil/kxlog.h"
 #include "libutil/option_parse.h"
 #include "libutil/snprintf.h"
+#include "libutil/unique_fd.h"
 #include "vdpolicy/lib/vd_was_lib.h"
 
 namespace objs_conf {
@@ -264,27 +265,12 @@ inline char *FailureText(const char *path, long line, const std::string &why) {
   return strdup(buf);
 }
 
-// Owns one open descriptor.
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(const Fd &) = delete;
-  Fd &operator=(const Fd &) = delete;
-  ~Fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // Reads the whole file of the given size; false with a reason when it cannot.
 inline bool ReadWhole(const char *path, off_t size, std::string *text, std::string *why) {
   std::unique_ptr<char, decltype(&free)> buf(
       static_cast<char *>(malloc(static_cast<size_t>(size) + 1)), &free);
   if (!buf) return *why = "Cannot malloc OBJS config file buffer", false;
-  Fd fd(open(path, O_RDONLY | O_CLOEXEC));
+  kx::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
   if (fd.get() < 0) return *why = "Cannot open OBJS config file", false;
   size_t got = 0;
   while (got < static_cast<size_t>(size)) {

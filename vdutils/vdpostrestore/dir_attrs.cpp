@@ -6,22 +6,13 @@
 #include <memory>
 
 #include "dm_names.h"
+#include "kxdmapi/dm_handle_owner.h"
 #include "settings.h"
 #include "shown_path.h"
 
 namespace {
 
-// A DMAPI handle from the library, released with dm_handle_free.
-struct DmHandle {
-  void *hanp = nullptr;
-  size_t hlen = 0;
-  DmHandle() = default;
-  DmHandle(const DmHandle &) = delete;
-  DmHandle &operator=(const DmHandle &) = delete;
-  ~DmHandle() {
-    if (hanp != nullptr) dm_handle_free(hanp, hlen);
-  }
-};
+using kxdmapi::DmHandle;
 
 constexpr size_t kVdeaBufferSize = 128;  // only the attribute's presence matters
 

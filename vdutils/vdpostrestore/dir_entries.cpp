@@ -10,7 +10,7 @@ namespace {
 constexpr std::size_t kBufferSize = 32768;
 }  // namespace
 
-DirEntries::DirEntries(UniqueFd fd) : fd_(std::move(fd)), buffer_(new char[kBufferSize]) {}
+DirEntries::DirEntries(kx::UniqueFd fd) : fd_(std::move(fd)), buffer_(new char[kBufferSize]) {}
 
 const char *DirEntries::next() {
   if (offset_ >= filled_) {

@@ -7,11 +7,11 @@
 #include <cstddef>
 #include <memory>
 
-#include "unique_fd.h"
+#include "libutil/unique_fd.h"
 
 class DirEntries {
  public:
-  explicit DirEntries(UniqueFd fd);
+  explicit DirEntries(kx::UniqueFd fd);
 
   int fd() const { return fd_.get(); }
   // The next entry's name ("." and ".." included), valid until the next
@@ -19,7 +19,7 @@ class DirEntries {
   const char *next();
 
  private:
-  UniqueFd fd_;
+  kx::UniqueFd fd_;
   std::unique_ptr<char[]> buffer_;
   std::size_t filled_ = 0;
   std::size_t offset_ = 0;

@@ -20,7 +20,7 @@
 #include "settings.h"
 #include "shown_path.h"
 #include "stop_signals.h"
-#include "unique_fd.h"
+#include "libutil/unique_fd.h"
 
 static const char kx_source_path[] = "vdutils/vdpostrestore";
 
@@ -43,9 +43,9 @@ class Walker {
   }
 
  private:
-  UniqueFd open_directory(int parent_fd, const char *name) const {
+  kx::UniqueFd open_directory(int parent_fd, const char *name) const {
     const int flags = parent_fd == AT_FDCWD ? kDirOpenFlags : kDirOpenFlags | O_NOFOLLOW;
-    return UniqueFd(openat(parent_fd, name, flags));
+    return kx::UniqueFd(openat(parent_fd, name, flags));
   }
 
   // "Failed to <what> <path>: <reason>." for the entry being examined.
@@ -136,7 +136,7 @@ class Walker {
                          const Vdp_t *vdp, bool tsm_managed) {
     VPrintf(1, "Processing directory %s.\n", ShownPath(path_.c_str()).c_str());
     const DepthLevel level(depth_);
-    UniqueFd fd = open_directory(parent_fd, name);
+    kx::UniqueFd fd = open_directory(parent_fd, name);
     if (!fd) return fail_open(vdp != nullptr);
     struct stat stat_buff;
     if (fstat(fd.get(), &stat_buff) != 0) return fail("stat directory");

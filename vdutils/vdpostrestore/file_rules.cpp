@@ -13,7 +13,7 @@
 #include "policy_info.h"
 #include "settings.h"
 #include "shown_path.h"
-#include "unique_fd.h"
+#include "libutil/unique_fd.h"
 
 namespace {
 
@@ -71,7 +71,7 @@ bool remove_file(const FileRef &file) {
 }
 
 StoredElsewhere tag_objid_exists(const FileRef &file) {
-  UniqueFd fd(openat(file.dir_fd, file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  kx::UniqueFd fd(openat(file.dir_fd, file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!fd) {
     int err = errno;
     ErrPrintf("Cannot open WAS managed file %s, errno=%d: %s\n", ShownPath(file.path).c_str(), err,

@@ -10,7 +10,7 @@
 #include "extapi/kxapi.h"
 #include "settings.h"
 #include "shown_path.h"
-#include "unique_fd.h"
+#include "libutil/unique_fd.h"
 
 namespace {
 
@@ -44,7 +44,7 @@ void remove_vdpolicy_info_fd(int fd, const char *path, int is_a_directory) {
 }
 
 void remove_vdpolicy_info(int dir_fd, const char *name, const char *path) {
-  UniqueFd fd(openat(dir_fd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  kx::UniqueFd fd(openat(dir_fd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!fd) {
     VPrintf(1, "remove_vdpolicy_info: Cannot open %s, errno=%d\n", ShownPath(path).c_str(), errno);
     return;

@@ -1,11 +1,14 @@
-// The owner of the walk's descriptors.
+// The one descriptor owner of the suite (C++ only): closes on scope exit,
+// and closing never changes the errno a caller is about to report.
 #pragma once
 
+#include <errno.h>
 #include <unistd.h>
 
 #include <utility>
 
-// A move-only file descriptor, closed when the owner goes away.
+namespace kx {
+
 class UniqueFd {
  public:
   UniqueFd() = default;
@@ -20,13 +23,20 @@ class UniqueFd {
   ~UniqueFd() { reset(); }
 
   int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
+  bool valid() const { return fd_ >= 0; }
+  explicit operator bool() const { return valid(); }
   int release() { return std::exchange(fd_, -1); }
   void reset(int fd = -1) {
-    if (fd_ >= 0) ::close(fd_);
+    if (fd_ >= 0) {
+      const int saved = errno;
+      ::close(fd_);
+      errno = saved;
+    }
     fd_ = fd;
   }
 
  private:
   int fd_ = -1;
 };
+
+}  // namespace kx
