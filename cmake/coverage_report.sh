@@ -5,11 +5,15 @@
 set -eu
 src=$1
 build=$2
+# gcovr's own report goes to a scratch file: on a failure it removes its
+# output file, and /dev/null is not one to lose.
+scratch=$(mktemp -d "${TMPDIR:-/tmp}/vd-coverage.XXXXXX")
+trap 'rm -rf "$scratch"' EXIT
 printf '%-14s %24s %24s\n' "component" "lines" "branches"
 for part in libutil kxdmapi extapi vdpolicy/lib vdutils kxsim; do
   summary=$(gcovr --root "$src" --object-directory "$build" --filter "$src/$part/" \
     --exclude-unreachable-branches --exclude-throw-branches --print-summary \
-    --output /dev/null 2>/dev/null)
+    --output "$scratch/report.txt")
   lines=$(printf '%s\n' "$summary" | sed -n 's/^lines: *//p')
   branches=$(printf '%s\n' "$summary" | sed -n 's/^branches: *//p')
   printf '%-14s %24s %24s\n' "$part" "$lines" "$branches"
