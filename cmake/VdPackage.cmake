@@ -7,7 +7,7 @@ include(CMakePackageConfigHelpers)
 # targets that must still install (the demo preset).
 get_property(_vd_installed GLOBAL PROPERTY VD_INSTALLED_TARGETS)
 add_custom_target(installables)
-add_dependencies(installables ${_vd_installed} vdpostrestore kxsim kxsim_preload)
+add_dependencies(installables ${_vd_installed} vdpostrestore kxsim kxsim_preload man_pages)
 
 set(VD_CMAKE_PACKAGE_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Vdpostrestore)
 install(EXPORT VdTargets NAMESPACE Vd:: FILE VdpostrestoreTargets.cmake

@@ -75,6 +75,9 @@ dpkg-deb -x "$DEB" "$ROOT"
 [ -x "$ROOT/usr/sbin/vdpostrestore" ] || fail "no usr/sbin/vdpostrestore"
 [ -x "$ROOT/usr/bin/kxsim" ] || fail "no usr/bin/kxsim"
 [ -d "$ROOT/usr/vexo/logs" ] || fail "no usr/vexo/logs"
+for page in man8/vdpostrestore.8.gz man1/kxsim.1.gz; do
+  [ -f "$ROOT/usr/share/man/$page" ] || fail "no usr/share/man/$page"
+done
 [ -f "$ROOT/usr/share/doc/vdpostrestore/copyright" ] || fail "no copyright file"
 for f in libkxsim.so libkxdmapi.so.1 libextapi.so.1 libvdpolicy.so.1 libkxutil.so.1 \
   pkgconfig/kxdmapi.pc cmake/Vdpostrestore/VdpostrestoreConfig.cmake; do

@@ -47,6 +47,9 @@ $3"
 
 expect "vdpostrestore --version" "vdpostrestore $VERSION" "$("$P/sbin/vdpostrestore" --version | head -n 1)"
 expect "kxsim --version" "kxsim $VERSION" "$("$P/bin/kxsim" --version)"
+for page in man8/vdpostrestore.8.gz man1/kxsim.1.gz; do
+  [ -f "$P/share/man/$page" ] || fail "no share/man/$page"
+done
 
 # A file of a simulated mount with an external representation "BLOB".
 "$P/bin/kxsim" mkfs "$WORK/fs" >/dev/null
