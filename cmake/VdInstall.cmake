@@ -7,33 +7,37 @@ include_guard(GLOBAL)
 include(GNUInstallDirs)
 
 # vd_add_library(<target> NAME <installed name> DESCRIPTION <text> SOURCES <files...>
-#                [DEPENDS <targets...>] [REQUIRES <pc names...>]
-#                [REQUIRES_PRIVATE <pc names...>])
+#                [DEPENDS <targets...>] [PRIVATE_DEPENDS <targets...>]
+#                [REQUIRES <pc names...>] [REQUIRES_PRIVATE <pc names...>])
 # Makes <target> (static; the name the project links) and <target>_shared.
-# DEPENDS are public: project libraries (static; their _shared twin is used
-# for the shared library) or imported targets such as Threads::Threads.
+# DEPENDS are what the public headers use, PRIVATE_DEPENDS what only the
+# sources do: project libraries (static; their _shared twin is used for the
+# shared library) or imported targets such as Threads::Threads.
 function(vd_add_library target)
-  cmake_parse_arguments(ARG "" "NAME;DESCRIPTION" "SOURCES;DEPENDS;REQUIRES;REQUIRES_PRIVATE"
+  cmake_parse_arguments(ARG "" "NAME;DESCRIPTION" "SOURCES;DEPENDS;PRIVATE_DEPENDS;REQUIRES;REQUIRES_PRIVATE"
                         ${ARGN})
   add_library(${target}_objects OBJECT ${ARG_SOURCES})
   target_include_directories(${target}_objects PRIVATE ${VD_INCLUDE_ROOT})
-  target_link_libraries(${target}_objects PRIVATE ${ARG_DEPENDS} vd_strict_warnings)
+  target_link_libraries(${target}_objects PRIVATE ${ARG_DEPENDS} ${ARG_PRIVATE_DEPENDS}
+                        vd_strict_warnings)
 
-  set(shared_depends "")
-  foreach(dep IN LISTS ARG_DEPENDS)
-    if(TARGET ${dep}_shared)
-      list(APPEND shared_depends ${dep}_shared)
-    else()
-      list(APPEND shared_depends ${dep})
-    endif()
+  foreach(kind DEPENDS PRIVATE_DEPENDS)
+    set(shared_${kind} "")
+    foreach(dep IN LISTS ARG_${kind})
+      if(TARGET ${dep}_shared)
+        list(APPEND shared_${kind} ${dep}_shared)
+      else()
+        list(APPEND shared_${kind} ${dep})
+      endif()
+    endforeach()
   endforeach()
 
   add_library(${target} STATIC $<TARGET_OBJECTS:${target}_objects>)
-  target_link_libraries(${target} PUBLIC ${ARG_DEPENDS})
+  target_link_libraries(${target} PUBLIC ${ARG_DEPENDS} PRIVATE ${ARG_PRIVATE_DEPENDS})
   set_target_properties(${target} PROPERTIES OUTPUT_NAME ${ARG_NAME} EXPORT_NAME ${ARG_NAME}_static)
 
   add_library(${target}_shared SHARED $<TARGET_OBJECTS:${target}_objects>)
-  target_link_libraries(${target}_shared PUBLIC ${shared_depends})
+  target_link_libraries(${target}_shared PUBLIC ${shared_DEPENDS} PRIVATE ${shared_PRIVATE_DEPENDS})
   set_target_properties(${target}_shared PROPERTIES
     OUTPUT_NAME ${ARG_NAME} EXPORT_NAME ${ARG_NAME}
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
