@@ -59,8 +59,6 @@ namespace wire = kxdmapi_events_wire;
 
 // Request numbers on a file's descriptor and their payload sizes, which the
 // attribute calls keep to themselves.
-constexpr unsigned long kIocGetDmattr = 1038;
-constexpr unsigned long kIocGetAttr = 1036;
 constexpr size_t kGetDmattrLen = 32 + DM_ATTR_VALUE_MAX;  // value at 32
 constexpr size_t kDmattrValueOffset = 32;
 constexpr size_t kGetAttrLen = 16 + sizeof(dm_stat_t);  // dm_stat at 16
@@ -263,11 +261,11 @@ int driver_request(unsigned long request, void *arg) {
       return answer(buf, KXDMAPI_HANDLE_TO_PATH_LEN, kHandleToPath);
     case KXDMAPI_IOC_FS_DATA:
       return answer(buf, KXDMAPI_FS_DATA_LEN, kReplyKinds);
-    case kIocGetDmattr:
+    case KXDMAPI_IOC_GET_DMATTR:
       return answer(buf, kGetDmattrLen, kDmattr);
-    case kIocGetAttr:
+    case KXDMAPI_IOC_GET_ATTR:
       return answer(buf, kGetAttrLen, kFileattr);
-    case wire::kIocGetEventlist:
+    case KXDMAPI_IOC_GET_EVENTLIST:
       return answer(buf, sizeof(wire::GetEventlist), kEventlist);
     default:
       errno = ENOTTY;

@@ -14,15 +14,11 @@
 #include "kxdmapi/kxdmapi_debug.h"
 #include "kxdmapi/kxdmapi_fdcache.h"
 #include "kxdmapi/kxdmapi_handles.h"
+#include "kxdmapi/kxdmapi_wire.h"
 
 namespace {
 
-// Requests on a descriptor of the file.
-constexpr unsigned long kGetDmattr = 1038;
-constexpr unsigned long kSetDmattr = 1039;
-constexpr unsigned long kRemoveDmattr = 1058;
-constexpr unsigned long kGetAttr = 1036;
-constexpr unsigned long kSetAttr = 1061;
+using kxdmapi::fail;
 
 // Payloads in native byte order, zeroed before their fields are set.
 struct dm_get_dmattr_t {
@@ -88,11 +84,6 @@ int traced_exit(const char *name, int rc) {
   return rc;
 }
 
-int fail(int error) {
-  errno = error;
-  return -1;
-}
-
 // Handle forms act on file handles only; anything else is refused before a
 // descriptor is opened.
 bool file_handle(const void *hanp, size_t hlen) {
@@ -134,7 +125,7 @@ int get_dmattr_fd(int file_fd, dm_sessid_t sid, dm_token_t token, const dm_attrn
       static_cast<uint32_t>(std::min<size_t>(buflen, std::numeric_limits<uint32_t>::max()));
   req.dm_gdmattr_name = *attrnamep;
   *rlenp = 0;
-  if (ioctl(file_fd, kGetDmattr, &req) == -1) return -1;
+  if (ioctl(file_fd, KXDMAPI_IOC_GET_DMATTR, &req) == -1) return -1;
   const size_t value_len = req.dm_gdmattr_buflen;
   // A length the payload cannot hold is the file system's fault: never copy
   // past the payload for it, nor pass it on as the length a caller should
@@ -157,7 +148,7 @@ int set_dmattr_fd(int file_fd, dm_sessid_t sid, dm_token_t token, const dm_attrn
   req.dm_sdmattr_buflen = static_cast<uint16_t>(buflen);
   req.dm_sdmattr_name = *attrnamep;
   if (buflen != 0) memcpy(req.dm_sdmattr_data, bufp, buflen);
-  return ioctl(file_fd, kSetDmattr, &req) == -1 ? -1 : 0;
+  return ioctl(file_fd, KXDMAPI_IOC_SET_DMATTR, &req) == -1 ? -1 : 0;
 }
 
 int remove_dmattr_fd(int file_fd, dm_sessid_t sid, dm_token_t token, int setdtime,
@@ -168,7 +159,7 @@ int remove_dmattr_fd(int file_fd, dm_sessid_t sid, dm_token_t token, int setdtim
   req.dm_rdmattr_token = token;
   req.dm_rdmattr_setdtime = static_cast<uint16_t>(setdtime);
   req.dm_rdmattr_name = *attrnamep;
-  return ioctl(file_fd, kRemoveDmattr, &req) == -1 ? -1 : 0;
+  return ioctl(file_fd, KXDMAPI_IOC_REMOVE_DMATTR, &req) == -1 ? -1 : 0;
 }
 
 int get_fileattr_fd(int file_fd, dm_sessid_t sid, dm_token_t token, uint64_t mask,
@@ -178,7 +169,7 @@ int get_fileattr_fd(int file_fd, dm_sessid_t sid, dm_token_t token, uint64_t mas
   req.dm_fa_sid = sid;
   req.dm_fa_token = token;
   req.dm_fa_mask = mask;
-  if (ioctl(file_fd, kGetAttr, &req) == -1) return -1;
+  if (ioctl(file_fd, KXDMAPI_IOC_GET_ATTR, &req) == -1) return -1;
   memcpy(statp, &req.dm_fa_stat, sizeof *statp);  // every byte, as returned
   return 0;
 }
@@ -191,7 +182,7 @@ int update_fileattr_fd(int file_fd, dm_sessid_t sid, dm_token_t token, uint64_t 
   req.dm_fa_token = token;
   req.dm_fa_mask = mask;
   req.dm_fa_attr = *attrp;
-  return ioctl(file_fd, kSetAttr, &req) == -1 ? -1 : 0;
+  return ioctl(file_fd, KXDMAPI_IOC_SET_ATTR, &req) == -1 ? -1 : 0;
 }
 
 }  // namespace

@@ -11,12 +11,9 @@
 
 namespace {
 
-using namespace kxdmapi_events_wire;
+using kxdmapi::fail;
 
-int fail(int error) {
-  errno = error;
-  return -1;
-}
+using namespace kxdmapi_events_wire;
 
 // The event-file calls take the types 7, 20, 28 and 40-45 only.
 bool event_file_type(dm_eventtype_t event) {

@@ -17,6 +17,8 @@
 
 namespace {
 
+using kxdmapi::fail;
+
 using namespace kxdmapi_events_wire;
 
 bool maxevent_ok(unsigned int maxevent) {
@@ -89,11 +91,6 @@ int eventlist_change(const char *name, const void *hanp, size_t hlen, unsigned i
   return fs_request(name, hanp, hlen, driver_func, payload, &payload.fsid);
 }
 
-int fail(int error) {
-  errno = error;
-  return -1;
-}
-
 uint32_t clamp_u32(size_t n) {
   return n > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(n);
 }
@@ -128,7 +125,7 @@ int dm_update_eventlist(dm_sessid_t sid, const void *hanp, size_t hlen, dm_token
   if (events_to_setp == nullptr || events_to_clearp == nullptr) return fail(EINVAL);
   UpdateEventlist payload =
       update_payload(sid, token, *events_to_setp, *events_to_clearp, maxevent);
-  return eventlist_change("dm_update_eventlist", hanp, hlen, maxevent, kIocUpdateEventlist,
+  return eventlist_change("dm_update_eventlist", hanp, hlen, maxevent, KXDMAPI_IOC_UPDATE_EVENTLIST,
                           DMIG_UPDATE_EVENTLIST, payload);
 }
 
@@ -138,14 +135,14 @@ int dm_update_eventlist_fd(int fd, dm_sessid_t sid, dm_token_t token,
   if (events_to_setp == nullptr || events_to_clearp == nullptr) return fail(EINVAL);
   UpdateEventlist payload =
       update_payload(sid, token, *events_to_setp, *events_to_clearp, maxevent);
-  return ioctl(fd, kIocUpdateEventlist, &payload) == -1 ? -1 : 0;
+  return ioctl(fd, KXDMAPI_IOC_UPDATE_EVENTLIST, &payload) == -1 ? -1 : 0;
 }
 
 int dm_set_eventlist(dm_sessid_t sid, const void *hanp, size_t hlen, dm_token_t token,
                      const dm_eventset_t *eventsetp, unsigned int maxevent) {
   if (eventsetp == nullptr) return fail(EINVAL);
   SetEventlist payload = set_payload(sid, token, *eventsetp, maxevent);
-  return eventlist_change("dm_set_eventlist", hanp, hlen, maxevent, kIocSetEventlist,
+  return eventlist_change("dm_set_eventlist", hanp, hlen, maxevent, KXDMAPI_IOC_SET_EVENTLIST,
                           DMIG_SET_EVENTLIST, payload);
 }
 
@@ -153,7 +150,7 @@ int dm_set_eventlist_fd(int fd, dm_sessid_t sid, dm_token_t token, const dm_even
                         unsigned int maxevent) {
   if (eventsetp == nullptr) return fail(EINVAL);
   SetEventlist payload = set_payload(sid, token, *eventsetp, maxevent);
-  return ioctl(fd, kIocSetEventlist, &payload) == -1 ? -1 : 0;
+  return ioctl(fd, KXDMAPI_IOC_SET_EVENTLIST, &payload) == -1 ? -1 : 0;
 }
 
 int dm_get_eventlist(dm_sessid_t sid, const void *hanp, size_t hlen, dm_token_t token,
@@ -180,7 +177,7 @@ int dm_get_eventlist(dm_sessid_t sid, const void *hanp, size_t hlen, dm_token_t 
   }
   payload.fsid = fsid;
   if (is_file_handle(hanp, hlen)) {
-    if (file_request(kName, hanp, hlen, kIocGetEventlist, payload) != 0) return -1;
+    if (file_request(kName, hanp, hlen, KXDMAPI_IOC_GET_EVENTLIST, payload) != 0) return -1;
     *nelemp = payload.nelem;
     *eventsetp = payload.eventset;
     return 0;
@@ -203,7 +200,7 @@ int dm_get_eventlist_fd(int fd, dm_sessid_t sid, dm_token_t token, unsigned int 
   payload.sid = sid;
   payload.token = token;
   payload.nelem = nelem;
-  if (ioctl(fd, kIocGetEventlist, &payload) == -1) return -1;
+  if (ioctl(fd, KXDMAPI_IOC_GET_EVENTLIST, &payload) == -1) return -1;
   *nelemp = payload.nelem;
   *eventsetp = payload.eventset;
   return 0;

@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #include "kxdmapi/kxdmapi_types.h"
+#include "kxdmapi/kxdmapi_wire.h"
 
 namespace kxdmapi_events_wire {
 
@@ -15,11 +16,6 @@ namespace kxdmapi_events_wire {
 inline dm_useraddr_t user_address(const void *p) {
   return reinterpret_cast<uintptr_t>(p);
 }
-
-// Requests on a descriptor of the file itself.
-constexpr unsigned long kIocGetEventlist = 0x40A;
-constexpr unsigned long kIocSetEventlist = 0x40B;
-constexpr unsigned long kIocUpdateEventlist = 0x426;
 
 struct UpdateEventlist {  // driver request 40, ioctl 0x426
   dm_sessid_t sid;

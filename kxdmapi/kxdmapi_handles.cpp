@@ -8,7 +8,6 @@
 #include <cstring>
 
 #include "kxdmapi/kxdmapi_debug.h"
-#include "kxdmapi/kxdmapi_private.h"
 #include "kxdmapi/kxdmapi_wire.h"
 
 static_assert(sizeof(dm_handle_t) == DM_HANDLE_MAX, "a handle record is 64 bytes");

@@ -22,7 +22,6 @@ extern "C" {
 #endif
 
 #define KXDMAPI_CONTROL_DEVICE "/dev/kxfsctl0"
-#define KXDMAPI_DMIG_IOCTL 0xc018e571UL /* read/write, 24 bytes, 0xe5, 0x71 */
 #define DMIG_VERSION 6
 
 /* Request frame, native byte order, 24 bytes. */

@@ -16,18 +16,6 @@
 extern "C" {
 #endif
 
-/* Requests on descriptors (not on the control channel). */
-#define KXDMAPI_IOC_FD_TO_HANDLE 0x416UL      /* on the caller's descriptor */
-#define KXDMAPI_IOC_HANDLE_TO_PATH 0x419UL    /* on the mount point */
-#define KXDMAPI_IOC_FS_DATA 0xA1EUL           /* on the mount point */
-#define KXDMAPI_IOC_MOUNT_CHANGE 0x8010E693UL /* on the control device */
-#define KXDMAPI_MOUNT_CHANGE_DEVICE "/dev/kxfsctl"
-
-#define KXDMAPI_PATH_TO_HANDLE_LEN 1112 /* payload of request 7 and 0x416 */
-#define KXDMAPI_HANDLE_TO_PATH_LEN 1168
-#define KXDMAPI_FS_DATA_LEN 64
-#define KXDMAPI_SPECIAL_PREFIX "__KXFS_Handle."
-#define KXDMAPI_ROOT_KEY 2 /* special-path key of a file system's root */
 
 typedef struct dm_mnt_change_time {
   uint64_t mct_sec;

@@ -10,6 +10,31 @@
 #include <cstdint>
 #include <cstring>
 
+// Every request the library sends besides the control channel's DMIG
+// frames (their function codes are kxdmapi_init.h's DMIG_*), and the
+// payload sizes the driver fixes.
+#define KXDMAPI_DMIG_IOCTL 0xC018E571UL         /* the control channel's frame */
+#define KXDMAPI_IOC_MOUNT_CHANGE 0x8010E693UL   /* on the control device */
+#define KXDMAPI_IOC_FD_TO_HANDLE 0x416UL        /* on the caller's descriptor */
+#define KXDMAPI_IOC_HANDLE_TO_PATH 0x419UL      /* on the mount point */
+#define KXDMAPI_IOC_FS_DATA 0xA1EUL             /* on the mount point */
+#define KXDMAPI_IOC_GET_ATTR 0x40CUL            /* on the file's descriptor */
+#define KXDMAPI_IOC_GET_DMATTR 0x40EUL
+#define KXDMAPI_IOC_SET_DMATTR 0x40FUL
+#define KXDMAPI_IOC_REMOVE_DMATTR 0x422UL
+#define KXDMAPI_IOC_SET_ATTR 0x425UL
+#define KXDMAPI_IOC_GET_EVENTLIST 0x40AUL
+#define KXDMAPI_IOC_SET_EVENTLIST 0x40BUL
+#define KXDMAPI_IOC_UPDATE_EVENTLIST 0x426UL
+
+#define KXDMAPI_PATH_TO_HANDLE_LEN 1112 /* payload of DMIG 7 and 0x416 */
+#define KXDMAPI_HANDLE_TO_PATH_LEN 1168
+#define KXDMAPI_FS_DATA_LEN 64
+
+#define KXDMAPI_MOUNT_CHANGE_DEVICE "/dev/kxfsctl" /* answers 0x8010E693 */
+#define KXDMAPI_SPECIAL_PREFIX "__KXFS_Handle."   /* <mount>/<prefix><hex>: a path by handle */
+#define KXDMAPI_ROOT_KEY 2                         /* special-path key of a file system's root */
+
 namespace kxdmapi {
 
 template <typename T>
@@ -58,6 +83,12 @@ inline bool reply_handle_fits(const unsigned char *buf, size_t max, size_t *len)
   if (*len <= max) return true;
   errno = EIO;
   return false;
+}
+
+// The library's failure return: -1 with errno set to `error`.
+inline int fail(int error) {
+  errno = error;
+  return -1;
 }
 
 // A request's result as 0, or -1 with errno. An ioctl may return any
