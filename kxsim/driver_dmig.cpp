@@ -10,6 +10,7 @@
 #include "kxsim/handle.h"
 #include "kxsim/hex.h"
 #include "kxsim/path_resolve.h"
+#include "kxsim/sysio.h"
 
 namespace kxsim {
 
@@ -31,6 +32,20 @@ constexpr DmigCode kCodes[] = {
 
 // Path to handle payload.
 constexpr std::size_t kP2hFlags = 76, kP2hLen = 80, kP2hPath = 84, kP2hPathMax = 1024;
+
+// The driver looks a path up once, relative to the caller's working
+// directory: so does this, and takes the object's canonical path and
+// identity from what it found, so that a request costs the same at any
+// depth. 0 or an errno.
+int look_up_object(const char *raw, bool follow, std::string &path, Identity &id) {
+  sys::Fd fd = look_up(AT_FDCWD, raw, follow);
+  if (!fd.valid()) return errno;
+  auto found = path_of(fd.get());
+  if (!found) return errno;
+  if (!identify_fd(fd.get(), id)) return errno;
+  path = std::move(*found);
+  return 0;
+}
 
 int dmig_dispatch(Simulator &sim, std::int32_t func, unsigned char *p, RequestInfo &info) {
   switch (func) {
@@ -128,26 +143,22 @@ int op_path_to_handle(Simulator &sim, unsigned char *p, RequestInfo &info) {
   if (strnlen(raw, len + 1) != len) return EINVAL;  // length and NUL disagree
   info.object = len ? raw : "-";
   info.alias = info.object;
-  std::string abs = absolute_path(AT_FDCWD, raw);
-  std::optional<std::string> path;
-  if (!abs.empty()) {
-    if (flags > 2) return EINVAL;
-    path = canonical_path(abs, flags != 2);
-    if (path) info.object = *path;
-  }
+  if (len != 0 && flags > 2) return EINVAL;
+  std::string path;
+  Identity id;
+  int err = len ? look_up_object(raw, flags != 2, path, id) : ENOENT;
+  if (err == 0) info.object = path;
   std::uint64_t ran = sim.faults().commands_run();
   if (int e = sim.injected(info)) return e;
   if (len == 0) return ENOENT;
-  if (ran != sim.faults().commands_run() && !abs.empty()) path = canonical_path(abs, flags != 2);
-  if (!path) return errno ? errno : ENOENT;
-  const Mount *m = sim.config().find_by_path(*path);
-  if (!m) return EINVAL;  // not a kxfs file system
-  Identity id;
-  if (!identify_path(*path, id)) return errno;
+  if (ran != sim.faults().commands_run()) err = look_up_object(raw, flags != 2, path, id);
+  if (err) return err;
+  const Mount *m = sim.config().find_by_path(path);
+  if (!m) return EINVAL;                      // not a kxfs file system
   if (!on_device(id, m->dev)) return EINVAL;  // another file system mounted inside
   std::memset(p, 0, 64);
   make_file_handle(p, m->fsid, id.ino, id.generation);
-  sim.index().note(*m, id.ino, relative_to(*path, m->dir));
+  sim.index().note(*m, id.ino, relative_to(path, m->dir));
   info.add("handle", to_hex(p, kFileHandleLen));
   return 0;
 }

@@ -203,11 +203,10 @@ int resolve_file_handle(Simulator &sim, const Mount &m, const HandleFields &h, s
     abs = m.dir;
     return 0;
   }
-  auto rel = sim.index().lookup(m, h.ino);
+  Identity id;
+  auto rel = sim.index().lookup(m, h.ino, id);
   if (!rel) return ENOENT;
   abs = rel->empty() ? m.dir : m.dir + "/" + *rel;
-  Identity id;
-  if (!identify_path(abs, id)) return ENOENT;
   if (h.generation != 0 && h.generation != id.generation) return ESTALE;
   return 0;
 }

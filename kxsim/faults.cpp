@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -159,27 +158,24 @@ void FaultSet::parse_all(const std::string &text, const char *separators) {
   }
 }
 
-void FaultSet::refresh() {
-  const char *env = std::getenv("KXSIM_FAULTS");
-  const char *file = std::getenv("KXSIM_FAULTS_FILE");
-  bool changed = (env ? env : "") != env_text_;
-  std::string fpath = file ? file : "";
+void FaultSet::refresh(const std::string &env_text, const std::string &file) {
+  bool changed = env_text != env_text_;
   struct stat st {};
-  bool have_file = !fpath.empty() && stat(fpath.c_str(), &st) == 0;
-  if (fpath != file_path_ ||
+  bool have_file = !file.empty() && stat(file.c_str(), &st) == 0;
+  if (file != file_path_ ||
       (have_file && (st.st_mtim.tv_sec != file_mtime_.tv_sec ||
                      st.st_mtim.tv_nsec != file_mtime_.tv_nsec || st.st_size != file_size_)) ||
       (!have_file && file_size_ != -1)) {
-    file_path_ = fpath;
+    file_path_ = file;
     file_mtime_ = have_file ? st.st_mtim : timespec{};
     file_size_ = have_file ? st.st_size : -1;
     std::string text;
-    if (have_file && !sys::read_file(fpath, text)) text.clear();
+    if (have_file && !sys::read_file(file, text)) text.clear();
     changed = changed || text != file_text_;
     file_text_ = std::move(text);
   }
   if (!changed) return;
-  env_text_ = env ? env : "";
+  env_text_ = env_text;
   rules_.clear();
   // In the environment rules are separated by ';'; in the file by lines, so
   // that a run= command there may hold ';'.

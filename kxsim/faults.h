@@ -31,8 +31,10 @@ bool parse_fault_rule(const std::string &text, FaultRule &out, std::string &erro
 
 class FaultSet {
  public:
-  // Re-reads the environment and the rules file when they changed.
-  void refresh();
+  // Takes the rules of KXSIM_FAULTS (`env_text`) and of the file
+  // KXSIM_FAULTS_FILE names (`file`, one stat of it when not empty); parses
+  // them again, counters reset, when either changed.
+  void refresh(const std::string &env_text, const std::string &file);
   // The errno the request must fail with, or 0. Runs the commands of the
   // rules that fire.
   int check(const RequestInfo &info);

@@ -29,22 +29,21 @@ void InodeIndex::forget(const Mount &m, std::uint64_t ino) {
   if (it != mounts_.end()) it->second.paths.erase(ino & kInodeMask);
 }
 
-bool InodeIndex::verify(const Mount &m, std::uint64_t ino, const std::string &rel) {
+bool InodeIndex::verify(const Mount &m, std::uint64_t ino, const std::string &rel, Identity &id) {
   std::string abs = rel.empty() ? m.dir : m.dir + "/" + rel;
-  struct stat st;
-  return lstat(abs.c_str(), &st) == 0 && (st.st_ino & kInodeMask) == ino;
+  return identify_path(abs, id) && (id.ino & kInodeMask) == ino;
 }
 
-std::optional<std::string> InodeIndex::lookup(const Mount &m, std::uint64_t ino) {
+std::optional<std::string> InodeIndex::lookup(const Mount &m, std::uint64_t ino, Identity &id) {
   ino &= kInodeMask;
   PerMount &pm = mounts_[m.fsid];
   auto it = pm.paths.find(ino);
-  if (it != pm.paths.end() && verify(m, ino, it->second)) return it->second;
+  if (it != pm.paths.end() && verify(m, ino, it->second, id)) return it->second;
   auto now = std::chrono::steady_clock::now();
   if (pm.missing.count(ino) != 0 && now - pm.last_walk < kMissThrottle) return std::nullopt;
   rebuild(m, pm);
   it = pm.paths.find(ino);
-  if (it != pm.paths.end()) return it->second;
+  if (it != pm.paths.end() && verify(m, ino, it->second, id)) return it->second;
   pm.missing.insert(ino);
   return std::nullopt;
 }

@@ -39,6 +39,10 @@ KXSIM_NEXT(int (*)(int), close)
 KXSIM_NEXT(int (*)(const char *), unlink)
 KXSIM_NEXT(int (*)(int, const char *, int), unlinkat)
 KXSIM_NEXT(FILE *(*)(const char *, const char *), setmntent)
+KXSIM_NEXT(int (*)(const char *, const char *, int), setenv)
+KXSIM_NEXT(int (*)(const char *), unsetenv)
+KXSIM_NEXT(int (*)(char *), putenv)
+KXSIM_NEXT(int (*)(), clearenv)
 #undef KXSIM_NEXT
 
 // When a symbol cannot be found (a static program, a broken loader) the
@@ -103,6 +107,29 @@ FILE *setmntent(const char *file, const char *mode) {
     return nullptr;
   }
   return fn(file, mode);
+}
+
+// The environment functions have no system call to stand in: without the C
+// library's there is no environment to change.
+int setenv(const char *name, const char *value, int overwrite) {
+  auto fn = resolve(setenv_slot, "setenv");
+  if (!fn) return errno = ENOSYS, -1;
+  return fn(name, value, overwrite);
+}
+int unsetenv(const char *name) {
+  auto fn = resolve(unsetenv_slot, "unsetenv");
+  if (!fn) return errno = ENOSYS, -1;
+  return fn(name);
+}
+int putenv(char *text) {
+  auto fn = resolve(putenv_slot, "putenv");
+  if (!fn) return errno = ENOSYS, -1;
+  return fn(text);
+}
+int clearenv() {
+  auto fn = resolve(clearenv_slot, "clearenv");
+  if (!fn) return errno = ENOSYS, -1;
+  return fn();
 }
 
 }  // namespace kxsim::next

@@ -23,5 +23,9 @@ int close(int fd);
 int unlink(const char *path);
 int unlinkat(int dirfd, const char *path, int flags);
 FILE *setmntent(const char *file, const char *mode);
+int setenv(const char *name, const char *value, int overwrite);
+int unsetenv(const char *name);
+int putenv(char *text);
+int clearenv();
 
 }  // namespace kxsim::next

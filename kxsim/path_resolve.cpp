@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <vector>
 
 #include "kxsim/sysio.h"
@@ -64,20 +63,26 @@ std::string absolute_path(int dirfd, const char *path) {
   return normalise(base + "/" + path);
 }
 
-std::optional<std::string> canonical_path(const std::string &abs, bool follow) {
-  if (!follow) {
-    std::string_view base = base_name(abs);
-    if (abs == "/" || base == "." || base == "..") return canonical_path(abs, true);
-    std::string dir = abs.substr(0, abs.size() - base.size());
-    auto parent = canonical_path(dir.empty() ? std::string("/") : dir, true);
-    if (!parent) return std::nullopt;
-    return (*parent == "/" ? "" : *parent) + "/" + std::string(base);
+sys::Fd look_up(int dirfd, const char *path, bool follow) {
+  return sys::Fd(sys::open_at(dirfd, path, O_PATH | (follow ? 0 : O_NOFOLLOW)));
+}
+
+std::optional<std::string> path_of(int fd) {
+  std::string out = sys::fd_path(fd);
+  if (out.empty()) return std::nullopt;
+  // Not below this process's root (another mount namespace or chroot):
+  // nothing there has a path a caller could give.
+  if (out[0] != '/') {
+    errno = ENOENT;
+    return std::nullopt;
   }
-  char *real = realpath(abs.c_str(), nullptr);
-  if (!real) return std::nullopt;
-  std::string out(real);
-  free(real);
   return out;
+}
+
+std::optional<std::string> canonical_path(const std::string &abs, bool follow) {
+  sys::Fd fd = look_up(AT_FDCWD, abs.c_str(), follow);
+  if (!fd.valid()) return std::nullopt;
+  return path_of(fd.get());
 }
 
 }  // namespace kxsim

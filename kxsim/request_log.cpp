@@ -1,7 +1,6 @@
 #include "kxsim/request_log.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -125,9 +124,8 @@ std::string format_log_line(const RequestInfo &info, int result, int err) {
   return line;
 }
 
-void write_request_log(const RequestInfo &info, int result, int err) {
-  const char *path = std::getenv("KXSIM_LOG");
-  if (!path || !*path) return;
+void write_request_log(const std::string &path, const RequestInfo &info, int result, int err) {
+  if (path.empty()) return;
   int saved = errno;
   sys::append_file(path, format_log_line(info, result, err));
   errno = saved;

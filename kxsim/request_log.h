@@ -13,8 +13,9 @@
 namespace kxsim {
 
 std::string format_log_line(const RequestInfo &info, int result, int err);
-// Appends the line when KXSIM_LOG is set; failures to log are ignored.
-void write_request_log(const RequestInfo &info, int result, int err);
+// Appends the line to the log at `path` (KXSIM_LOG) unless that is empty;
+// failures to log are ignored.
+void write_request_log(const std::string &path, const RequestInfo &info, int result, int err);
 // Escapes like the mount table does.
 std::string escape_field(const std::string &text);
 

@@ -5,15 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
-#include "kxsim/config_path.h"
 #include "kxsim/request_log.h"
 #include "kxsim/sysio.h"
 
@@ -39,43 +37,16 @@ void after_fork() {
   g_lock.unlock();
 }
 
-// Whether the per-user default configuration exists, looked up at most once
-// a second: every open of every process in a test run asks, and most of
-// them have no configuration at all.
-std::atomic<std::int64_t> g_default_checked{-1};  // coarse monotonic second
-std::atomic<bool> g_default_present{false};
-
-bool default_config_present() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  if (now.tv_sec == g_default_checked.load(std::memory_order_relaxed)) {
-    return g_default_present.load(std::memory_order_relaxed);
-  }
-  char path[PATH_MAX];
-  struct stat st {};
-  bool present = default_config_path(path, sizeof path) && stat(path, &st) == 0;
-  g_default_present.store(present, std::memory_order_relaxed);
-  g_default_checked.store(now.tv_sec, std::memory_order_relaxed);
-  return present;
+// Installed by the first Scope, before the lock is ever taken: the settings
+// take it too, possibly before any request made the Simulator.
+void install_fork_handlers() {
+  static const bool installed = pthread_atfork(before_fork, after_fork, after_fork) == 0;
+  (void)installed;
 }
 }  // namespace
 
-bool simulator_configured() {
-  const char *cfg = std::getenv("KXSIM_CONFIG");
-  if (cfg) return *cfg != '\0';
-  return default_config_present();
-}
-
-bool observation_wanted() {
-  const char *log = std::getenv("KXSIM_LOG");
-  const char *f = std::getenv("KXSIM_FAULTS");
-  const char *ff = std::getenv("KXSIM_FAULTS_FILE");
-  return (log && *log) || (f && *f) || (ff && *ff);
-}
-
 void trace(const char *fmt, ...) {
-  const char *on = std::getenv("KXSIM_TRACE");
-  if (!on || std::strcmp(on, "1") != 0) return;
+  if (!tracing()) return;
   int saved = errno;
   char buf[1024];
   int n = std::snprintf(buf, sizeof buf, "kxsim[%d]: ", getpid());
@@ -91,16 +62,30 @@ void trace(const char *fmt, ...) {
   errno = saved;
 }
 
+namespace {
+std::atomic<Simulator *> g_instance{nullptr};
+}  // namespace
+
 Simulator &Simulator::instance() {
   // Never destroyed: wrappers may run from other libraries' exit handlers.
   static Simulator *sim = [] {
-    pthread_atfork(before_fork, after_fork, after_fork);
-    return new Simulator();
+    auto *made = new Simulator();
+    g_instance.store(made, std::memory_order_release);
+    return made;
   }();
   return *sim;
 }
 
+Simulator *Simulator::existing() {
+  return g_instance.load(std::memory_order_acquire);
+}
+
+bool Simulator::inside() {
+  return t_inside;
+}
+
 Simulator::Scope::Scope(const char *what) {
+  install_fork_handlers();
   if (t_inside) {
     trace("internal recursion in %s: passing through", what);
     return;
@@ -117,12 +102,19 @@ Simulator::Scope::~Scope() {
 }
 
 bool Simulator::refresh() {
-  faults_.refresh();
-  std::string path = active_config_path();
+  if (std::uint64_t v = settings_version(); v != settings_version_) {
+    settings_ = current_settings();
+    settings_version_ = v;
+  }
+  faults_.refresh(settings_.faults, settings_.faults_file);
+  const std::string &path = settings_.config;
   struct stat st {};
-  if (path.empty() || stat(path.c_str(), &st) != 0) {
+  bool present = !path.empty() && stat(path.c_str(), &st) == 0;
+  int err = errno;
+  if (settings_.config_is_default) note_default_config(present);
+  if (!present) {
     if (config_ok_ || config_path_ != path) {
-      trace("cannot read %s: %s", path.c_str(), path.empty() ? "none in effect" : strerror(errno));
+      trace("cannot read %s: %s", path.c_str(), path.empty() ? "none in effect" : strerror(err));
     }
     config_path_ = path;
     config_ok_ = false;
@@ -157,8 +149,8 @@ bool Simulator::refresh() {
 }
 
 int Simulator::finish(RequestInfo &info, int result, int err) {
-  write_request_log(info, err ? -1 : result, err);
-  if (const char *on = std::getenv("KXSIM_TRACE"); on && std::strcmp(on, "1") == 0) {
+  write_request_log(settings_.log, info, err ? -1 : result, err);
+  if (settings_.trace) {
     std::string line = format_log_line(info, err ? -1 : result, err);
     line.pop_back();  // trace() ends the line itself
     trace("%s", line.c_str());

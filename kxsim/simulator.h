@@ -21,19 +21,12 @@
 #include "kxsim/faults.h"
 #include "kxsim/inode_index.h"
 #include "kxsim/request.h"
+#include "kxsim/settings.h"
 #include "kxsim/state_store.h"
 
 namespace kxsim {
 
-// True when a configuration is in effect: KXSIM_CONFIG names one, or it is
-// unset and the per-user default exists (config_path.h). Otherwise every
-// wrapper is a plain pass-through.
-bool simulator_configured();
-// True when a request log or fault rules are configured: then opens and
-// unlinks inside simulated mounts must be observed even when the simulator
-// has nothing else to do with them.
-bool observation_wanted();
-
+// A line on standard error when KXSIM_TRACE=1.
 void trace(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // Runs simulated work behind a C entry point: an allocation failure inside
@@ -51,6 +44,9 @@ int guarded(Fn fn) noexcept {
 class Simulator {
  public:
   static Simulator &instance();
+  // The instance if some wrapper has made it, else null: wrappers that have
+  // nothing to do in a process without the simulator must not make it.
+  static Simulator *existing();
 
   // Holds the lock for one request. `entered()` is false when this thread is
   // already inside the simulator (the caller must pass through).
@@ -65,11 +61,15 @@ class Simulator {
    private:
     bool entered_ = false;
   };
+  // True while this thread holds the lock (runs simulator code).
+  static bool inside();
 
   // Everything below requires a Scope.
 
-  // Re-reads the configuration when its path or modification time changed.
-  // false when it cannot be used (then no mount is simulated).
+  // Takes the settings again when the environment changed, and re-reads
+  // the configuration when its path or modification time changed: one stat
+  // of it per call, and every request calls this once. false when it cannot
+  // be used (then no mount is simulated).
   bool refresh();
   const Config &config() const { return config_; }
   // Modification time of the configuration: the mount table's change time.
@@ -98,6 +98,8 @@ class Simulator {
     ino_t ino;
   };
 
+  Settings settings_;
+  std::uint64_t settings_version_ = 0;  // of settings_; 0: never taken
   std::string config_path_;
   timespec config_mtime_{};
   ino_t config_ino_ = 0;

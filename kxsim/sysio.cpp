@@ -109,7 +109,11 @@ std::string fd_path(int fd) {
   char target[4096];
   (void)std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
   ssize_t n = readlink(link, target, sizeof target);
-  if (n <= 0 || static_cast<std::size_t>(n) >= sizeof target) return {};
+  if (n <= 0) return {};
+  if (static_cast<std::size_t>(n) >= sizeof target) {
+    errno = ENAMETOOLONG;
+    return {};
+  }
   std::string out(target, static_cast<std::size_t>(n));
   constexpr std::string_view kDeleted = " (deleted)";
   if (out.size() > kDeleted.size() && out.ends_with(kDeleted)) {

@@ -52,8 +52,8 @@ bool append_file(const std::string &path, std::string_view text);
 // mkdir -p; true when the directory exists afterwards.
 bool make_dirs(const std::string &path, unsigned mode = 0755);
 
-// Target of /proc/self/fd/<fd>, without a " (deleted)" suffix; empty on
-// failure.
+// Target of /proc/self/fd/<fd>, without a " (deleted)" suffix; empty with
+// errno on failure (ENAMETOOLONG when it does not fit PATH_MAX).
 std::string fd_path(int fd);
 
 }  // namespace kxsim::sys

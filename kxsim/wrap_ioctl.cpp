@@ -21,11 +21,11 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   va_end(ap);
   bool control_request = request == req::kDmig || request == req::kMountChangeTime;
   bool file_request = is_file_request(request);
+  const Simulator *existing = Simulator::existing();
+  const bool control_fds = existing != nullptr && existing->has_control_fds();
+  if (!control_request && !file_request && !control_fds) return next::ioctl(fd, request, arg);
+  if (!control_fds && !simulator_configured()) return next::ioctl(fd, request, arg);
   Simulator &sim = Simulator::instance();
-  if (!control_request && !file_request && !sim.has_control_fds()) {
-    return next::ioctl(fd, request, arg);
-  }
-  if (!simulator_configured() && !sim.has_control_fds()) return next::ioctl(fd, request, arg);
   int saved = errno;
   // -2: not the simulator's request.
   int r = guarded([&] {
@@ -45,10 +45,9 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
 }
 
 int close(int fd) {
-  Simulator &sim = Simulator::instance();
-  if (sim.has_control_fds()) {
+  if (Simulator *sim = Simulator::existing(); sim != nullptr && sim->has_control_fds()) {
     Simulator::Scope scope("close");
-    if (scope.entered()) sim.forget_fd(fd);
+    if (scope.entered()) sim->forget_fd(fd);
   }
   return next::close(fd);
 }

@@ -1,5 +1,7 @@
 // Handles: path to handle, descriptor to handle, handle to path and open by
 // handle, with the handle's exact bytes.
+#include <climits>
+
 #include "sim_fixture.h"
 
 namespace kxsim_test {
@@ -53,6 +55,27 @@ TEST_F(HandlesTest, PathErrors) {
   std::memcpy(b.data() + 84, "abcdef", 7);
   EXPECT_EQ(-1, dmig(7, b));
   EXPECT_EQ(EINVAL, errno);
+}
+
+// The driver's lookup is the kernel's: ".." after a symbolic link leaves the
+// link's target, and a missing component or a slash after a file fails even
+// where the text alone would name an existing object.
+TEST_F(HandlesTest, PathIsLookedUpAsTheKernelDoes) {
+  make_dir("d/sub");
+  ASSERT_EQ(0, symlink("d/sub", path("s").c_str()));
+  Buf f = path_to_handle(path("d/f"));
+  EXPECT_EQ(f, path_to_handle(path("s/../f")));
+  errno = 0;
+  EXPECT_TRUE(path_to_handle(path("missing/../d/f")).empty());
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_TRUE(path_to_handle(path("d/f/")).empty());
+  EXPECT_EQ(ENOTDIR, errno);
+  char cwd[PATH_MAX];
+  ASSERT_NE(nullptr, getcwd(cwd, sizeof cwd));
+  ASSERT_EQ(0, chdir(path("d").c_str()));
+  Buf relative = path_to_handle("f");
+  ASSERT_EQ(0, chdir(cwd));
+  EXPECT_EQ(f, relative);
 }
 
 TEST_F(HandlesTest, DescriptorHandleEqualsPathHandle) {

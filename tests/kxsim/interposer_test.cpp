@@ -50,6 +50,30 @@ TEST_F(InterposerTest, InertWithoutConfiguration) {
   endmntent(m);
 }
 
+// The settings are read once and again after a change; setenv and unsetenv
+// are what the other cases use, these are the remaining routes. putenv of a
+// name already set changes neither `environ` nor the array's length.
+TEST_F(InterposerTest, EveryWayOfChangingTheEnvironmentIsNoticed) {
+  auto answer = [&] {
+    Buf b(160, 0);  // no attribute name: EINVAL when simulated
+    int err = 0;
+    file_ioctl(path("f"), 0x40E, b, &err);
+    return err;
+  };
+  ASSERT_EQ(EINVAL, answer());
+  static char off[] = "KXSIM_CONFIG=";
+  ASSERT_EQ(0, putenv(off));
+  EXPECT_EQ(ENOTTY, answer());
+  setenv("KXSIM_CONFIG", config_.c_str(), 1);
+  EXPECT_EQ(EINVAL, answer());
+  char **saved = environ;
+  char *replaced[] = {off, nullptr};
+  environ = replaced;
+  EXPECT_EQ(ENOTTY, answer());
+  environ = saved;
+  EXPECT_EQ(EINVAL, answer());
+}
+
 TEST_F(InterposerTest, ErrnoIsKeptOnSuccess) {
   errno = 4242;
   ASSERT_GE(ctl(), 0);
