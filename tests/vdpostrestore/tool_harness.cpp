@@ -253,6 +253,15 @@ std::vector<std::string> grep(const std::string &text, const std::string &needle
   return hits;
 }
 
+std::vector<std::string> in_private_mounts(const std::string &setup, const std::string &after) {
+  return {"/usr/bin/unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
+          setup + " || exit 99; \"$@\"; rc=$?; " + after + "; exit $rc", "sh"};
+}
+
+bool no_private_mounts(const RunResult &r) {
+  return r.status == 99 || (r.status != 1 && r.err.find("unshare") != std::string::npos);
+}
+
 std::string log_header(const std::string &mnt, bool removed) {
   return "Files with no allocated blocks in non-managed directories under " + mnt +
          ".\nThese files " + (removed ? "were" : "were not") + " removed.\n\n";

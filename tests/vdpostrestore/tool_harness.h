@@ -95,6 +95,12 @@ void make_blockless(const std::string &path, off_t size);
 std::vector<std::string> lines_of(const std::string &text);
 // Lines of `text` that contain `needle`.
 std::vector<std::string> grep(const std::string &text, const std::string &needle);
+// A wrapper that runs the tool in a private mount namespace after the shell
+// command `setup` (a mount), then runs `after`, keeping the tool's status.
+// Where no such namespace can be made the run ends with status 99, or with
+// unshare's complaint: no_private_mounts() says so, for GTEST_SKIP.
+std::vector<std::string> in_private_mounts(const std::string &setup, const std::string &after);
+bool no_private_mounts(const RunResult &r);
 // The log header for a run on `mnt`.
 std::string log_header(const std::string &mnt, bool removed);
 
