@@ -23,15 +23,16 @@ namespace fs = std::filesystem;
 namespace {
 
 [[noreturn]] void child_exec(const std::vector<std::string> &argv, const RunOptions &opts,
-                             int in_fd, int out_fd, int err_fd) {
+                             const fs::path &run_dir, int in_fd, int out_fd, int err_fd) {
   dup2(in_fd, 0);
   dup2(out_fd, 1);
   dup2(err_fd, 2);
   for (const auto &name : opts.unset_env) unsetenv(name.c_str());
   for (const auto &[name, value] : opts.env) setenv(name.c_str(), value.c_str(), 1);
   // In a coverage build the profile of a run as nobody could not be written
-  // beside the build's own; it goes to /tmp instead of into the output.
-  if (opts.as_nobody) setenv("GCOV_PREFIX", "/tmp/vdpostrestore-gcov-nobody", 1);
+  // beside the build's own; it goes to this run's own directory, fresh each
+  // time, so that a profile of an older build cannot clash with it.
+  if (opts.as_nobody) setenv("GCOV_PREFIX", (run_dir / "gcov").c_str(), 1);
   if (opts.as_nobody && (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
                          setresuid(65534, 65534, 65534) != 0)) {
     _exit(126);
@@ -68,6 +69,11 @@ RunResult run_program(const std::vector<std::string> &argv, const RunOptions &op
   const char *dir = mkdtemp(dir_template);
   if (dir == nullptr) return {};
   fs::path tmp(dir);
+  if (opts.as_nobody) {
+    fs::permissions(tmp, fs::perms::others_exec, fs::perm_options::add);
+    fs::create_directory(tmp / "gcov");
+    fs::permissions(tmp / "gcov", fs::perms::all);
+  }
   std::string in_path = temp_file_with(tmp, "in", opts.stdin_text);
   std::string out_path = (tmp / "out").string(), err_path = (tmp / "err").string();
   int in_fd = open(in_path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -75,7 +81,7 @@ RunResult run_program(const std::vector<std::string> &argv, const RunOptions &op
   int err_fd = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   RunResult result;
   pid_t pid = fork();
-  if (pid == 0) child_exec(argv, opts, in_fd, out_fd, err_fd);
+  if (pid == 0) child_exec(argv, opts, tmp, in_fd, out_fd, err_fd);
   close(in_fd);
   close(out_fd);
   close(err_fd);
