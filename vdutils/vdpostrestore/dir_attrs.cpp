@@ -5,8 +5,8 @@
 #include <cstring>
 #include <memory>
 
-#include "dm_names.h"
 #include "kxdmapi/dm_handle_owner.h"
+#include "kxdmapi/kxdmapi.h"
 #include "settings.h"
 #include "shown_path.h"
 
@@ -14,11 +14,18 @@ namespace {
 
 using kxdmapi::DmHandle;
 
+constexpr dm_attrname_t kVdeaAttrName{{'V', 'D', 'E', 'A'}};  // the storage manager's
 constexpr size_t kVdeaBufferSize = 128;  // only the attribute's presence matters
+
+constexpr dm_eventset_t event_bit(dm_eventtype_t event) { return dm_eventset_t{1} << event; }
+
+// A directory under a relation point has all three of these enabled.
+constexpr dm_eventset_t kRelationPointEvents =
+    event_bit(DM_EVENT_CREATE) | event_bit(DM_EVENT_REMOVE) | event_bit(DM_EVENT_LINK);
 
 void check_event_mask(const DmHandle &handle, const char *dir_path, bool &relation_point) {
   dm_stat_t dm_stat_buff{};
-  if (dm_get_fileattr(kNoSession, handle.hanp, handle.hlen, kNoToken, 0, &dm_stat_buff) != 0) {
+  if (dm_get_fileattr(DM_NO_SESSION, handle.hanp, handle.hlen, DM_NO_TOKEN, 0, &dm_stat_buff) != 0) {
     ErrPrintf("Failed to get attributes for directory %s: %s.\n", ShownPath(dir_path).c_str(),
               std::strerror(errno));
     // The storage manager's attribute is there and its events cannot be
@@ -74,8 +81,7 @@ bool get_dir_attrs(int dir_fd, const char *dir_path, uint64_t dir_ino, bool &rel
   }
   char buffer[kVdeaBufferSize];
   size_t returned_len = 0;
-  dm_attrname_t vdea = dm_attr_name(kVdeaName);
-  int rc = dm_get_dmattr(kNoSession, handle.hanp, handle.hlen, kNoToken, &vdea, sizeof buffer,
+  int rc = dm_get_dmattr(DM_NO_SESSION, handle.hanp, handle.hlen, DM_NO_TOKEN, &kVdeaAttrName, sizeof buffer,
                          buffer, &returned_len);
   if (rc == 0) {
     VPrintf(3, "Dir has attributes.\n");

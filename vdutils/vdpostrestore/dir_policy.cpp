@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "dm_names.h"
 #include "event_attr.h"
 #include "libutil/snprintf.h"
 #include "settings.h"
@@ -19,9 +18,8 @@ int get_dir_vdp(int dir_fd, const char *dir_path, const char *policy_path, Owned
                 bool &has_vdpd_info) {
   has_vdpd_info = false;
   event_attr_t event_attr;
-  dm_attrname_t name = dm_attr_name(kBfstName);
   size_t attr_len = 0;
-  if (dm_get_dmattr_fd(dir_fd, kNoSession, kNoToken, &name, sizeof event_attr.raw, event_attr.raw,
+  if (dm_get_dmattr_fd(dir_fd, DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof event_attr.raw, event_attr.raw,
                        &attr_len) != 0) {
     if (errno != ENODATA && errno != ENOENT) {
       ErrPrintf("Failed to get xattr for directory %s: %s.\n", ShownPath(dir_path).c_str(),

@@ -8,6 +8,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "kxdmapi/kxdmapi.h"
+
+inline constexpr dm_attrname_t kBfstAttrName{{'B', 'F', 'S', 'T'}};
+
 struct event_attr_t {
   unsigned char raw[32] = {};
 };

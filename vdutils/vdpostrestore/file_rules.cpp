@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "dm_names.h"
 #include "event_attr.h"
 #include "log_file.h"
 #include "policy_info.h"
@@ -79,9 +78,8 @@ StoredElsewhere tag_objid_exists(const FileRef &file) {
     return StoredElsewhere::kUnreadable;
   }
   event_attr_t event_attr;
-  dm_attrname_t bfst = dm_attr_name(kBfstName);
   size_t attr_len = 0;
-  if (dm_get_dmattr_fd(fd.get(), kNoSession, kNoToken, &bfst, sizeof event_attr.raw, event_attr.raw,
+  if (dm_get_dmattr_fd(fd.get(), DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof event_attr.raw, event_attr.raw,
                        &attr_len) != 0) {
     int err = errno;
     ErrPrintf("Unable to obtain BFST EA for vdpolicyd managed file %s: %s\n",

@@ -6,8 +6,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "dm_names.h"
+#include "event_attr.h"
 #include "extapi/kxapi.h"
+#include "kxdmapi/kxdmapi.h"
 #include "settings.h"
 #include "shown_path.h"
 #include "libutil/unique_fd.h"
@@ -26,17 +27,16 @@ void remove_vdpolicy_info_fd(int fd, const char *path, int is_a_directory) {
   (void)KxApi_RemoveExternalRep(fd, 0, kExtRepOpFlags, "OBJF");
   (void)KxApi_RemoveExternalRep(fd, 0, 0, "REPL");
 
-  dm_attrname_t bfst = dm_attr_name(kBfstName);
-  if (dm_remove_dmattr_fd(fd, kNoSession, kNoToken, 0, &bfst) != 0) {
+  if (dm_remove_dmattr_fd(fd, DM_NO_SESSION, DM_NO_TOKEN, 0, &kBfstAttrName) != 0) {
     int err = errno;
     VPrintf(1, "remove_vdpolicy_info: dm_remove_dmattr failed for BFST, errno=%d: %s\n", err,
             std::strerror(err));
   }
   if (is_a_directory) return;
   dm_eventset_t events_to_set = 0;
-  dm_eventset_t events_to_clear = kPolicyFileEvents;
-  if (dm_update_eventlist_fd(fd, kNoSession, kNoToken, &events_to_set, &events_to_clear,
-                             kEventMax) != 0) {
+  dm_eventset_t events_to_clear = DM_EVENT_MANAGED_MASK;
+  if (dm_update_eventlist_fd(fd, DM_NO_SESSION, DM_NO_TOKEN, &events_to_set, &events_to_clear,
+                             DM_EVENT_MAX) != 0) {
     int err = errno;
     VPrintf(1, "remove_vdpolicy_info: Cannot dm_update_eventlist  %s, errno=%d: %s\n",
             ShownPath(path).c_str(), err, std::strerror(err));
