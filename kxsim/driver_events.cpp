@@ -75,8 +75,11 @@ int change_file(Simulator &sim, const FileTarget &t, const unsigned char *p, Req
                 MaskOp op) {
   ObjectState st;
   if (int e = load_state(sim, t, st)) return e;
+  const std::uint64_t before = st.events;
   if (int e = op(st.events, p, info)) return e;
-  return save_state(sim, t, st);
+  // A change that changes nothing is not written, as a driver would not
+  // dirty an inode for it.
+  return st.events == before ? 0 : save_state(sim, t, st);
 }
 
 int change_fs(Simulator &sim, unsigned char *p, RequestInfo &info, MaskOp op) {

@@ -50,8 +50,12 @@ bool StateStore::save_file(std::uint64_t fsid, const std::string &path, const Ob
     if (sys::unlink_at(AT_FDCWD, path.c_str()) != 0 && errno != ENOENT) return false;
     return true;
   }
-  if (!sys::make_dirs(fs_dir(fsid))) return false;
-  return sys::write_file_atomic(path, format_object_state(st));
+  const std::string text = format_object_state(st);
+  if (sys::write_file_atomic(path, text)) return true;
+  // The file system's directory is made on its first state only: looking
+  // for it on every save would cost more than the save.
+  if (errno != ENOENT || !sys::make_dirs(fs_dir(fsid))) return false;
+  return sys::write_file_atomic(path, text);
 }
 
 bool StateStore::load(std::uint64_t fsid, std::uint64_t ino, const std::string &born,
