@@ -1,6 +1,7 @@
 #!/bin/sh
 # Prints line and branch coverage per library and for the tool and the
-# simulator, from the .gcda files a coverage build's test run left.
+# simulator, from the .gcda files a coverage build's test run left (and
+# only that build's: other build trees of the same sources are not read).
 #   cmake/coverage_report.sh <source dir> <build dir>
 set -eu
 src=$1
@@ -13,7 +14,7 @@ printf '%-14s %24s %24s\n' "component" "lines" "branches"
 for part in libutil kxdmapi extapi vdpolicy/lib vdutils kxsim; do
   summary=$(gcovr --root "$src" --object-directory "$build" --filter "$src/$part/" \
     --exclude-unreachable-branches --exclude-throw-branches --print-summary \
-    --output "$scratch/report.txt")
+    --output "$scratch/report.txt" "$build")
   lines=$(printf '%s\n' "$summary" | sed -n 's/^lines: *//p')
   branches=$(printf '%s\n' "$summary" | sed -n 's/^branches: *//p')
   printf '%-14s %24s %24s\n' "$part" "$lines" "$branches"
