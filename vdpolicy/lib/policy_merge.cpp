@@ -8,10 +8,12 @@
 #include "libutil/kxlog.h"
 #include "vdpolicy/lib/policy.h"
 #include "vdpolicy/lib/policy_internal.h"
+#include "vdpolicy/lib/policy_keywords.h"
 
 namespace {
 
 using Config = PolicyConfig_t;
+using vdpol::keyword;
 
 struct Merger {
   Config *dst;
@@ -30,10 +32,12 @@ struct Merger {
     mark(slot);
   }
 
-  void bits(int slot, uint32_t Config::*word, uint32_t mask) const {
-    if (!open(slot)) return;
-    dst->*word = (dst->*word & ~mask) | (src->*word & mask);
-    mark(slot);
+  // A boolean (or rep_input's choice) takes only its own bits of the word.
+  void bits(const vdpol::Keyword &k) const {
+    if (!open(k.slot)) return;
+    uint32_t &word = vdpol::field_of<uint32_t>(*dst, k);
+    word = (word & ~k.bits) | (vdpol::field_of<uint32_t>(*src, k) & k.bits);
+    mark(k.slot);
   }
 
   // A parent's string is copied; a parent without one clears the child's.
@@ -131,8 +135,8 @@ extern "C" void merge_policy(PolicyConfig_t *dst, const PolicyConfig_t *src) {
   const Merger m{dst, src};
   m.value(VDP_SLOT_AFFINITY, &Config::polcfg_affinity);
   m.text(VDP_SLOT_INGEST_OFF, &Config::polcfg_ingest_sched_str);
-  m.bits(VDP_SLOT_DEDUP, &Config::polcfg_flags, VDP_FLAG_DEDUP);
-  m.bits(VDP_SLOT_DEDUP_FILTER, &Config::polcfg_flags, VDP_FLAG_DEDUP_FILTER);
+  m.bits(keyword(VDP_SLOT_DEDUP));
+  m.bits(keyword(VDP_SLOT_DEDUP_FILTER));
   m.value(VDP_SLOT_MAX_SEG_SIZE, &Config::polcfg_max_seg_size);
   m.value(VDP_SLOT_MAX_SEG_AGE, &Config::polcfg_max_seg_age);
   m.value(VDP_SLOT_DEDUP_AGE, &Config::polcfg_dedup_age);
@@ -144,14 +148,14 @@ extern "C" void merge_policy(PolicyConfig_t *dst, const PolicyConfig_t *src) {
   m.value(VDP_SLOT_DEDUP_PRI, &Config::polcfg_dedup_pri);
   m.text(VDP_SLOT_DEDUP_BFST, &Config::polcfg_dedup_bfst);
   m.value(VDP_SLOT_FENCEPOST_GAP, &Config::polcfg_fencepost_gap);
-  m.bits(VDP_SLOT_OBJS, &Config::polcfg_flags, VDP_FLAG_OBJS);
+  m.bits(keyword(VDP_SLOT_OBJS));
   m.text(VDP_SLOT_OBJS_ID, &Config::polcfg_cloud_id);
   m.value(VDP_SLOT_OBJS_AGE, &Config::polcfg_cloud_age);
   m.value(VDP_SLOT_OBJS_MIN_SIZE, &Config::polcfg_cloud_min_size);
   m.value(VDP_SLOT_OBJS_SEG_SIZE, &Config::polcfg_cloud_seg_size);
   m.text(VDP_SLOT_OBJS_SKIP, &Config::polcfg_cloud_regex);
   m.value(VDP_SLOT_OBJS_PRI, &Config::polcfg_cloud_pri);
-  m.bits(VDP_SLOT_TRUNC, &Config::polcfg_flags, VDP_FLAG_TRUNC);
+  m.bits(keyword(VDP_SLOT_TRUNC));
   m.value(VDP_SLOT_TRUNC_AGE, &Config::polcfg_trunc_age);
   m.value(VDP_SLOT_TRUNC_MIN_SIZE, &Config::polcfg_trunc_size);
   m.value(VDP_SLOT_TRUNC_LOW_WATER, &Config::polcfg_trunc_low_water);
@@ -159,13 +163,13 @@ extern "C" void merge_policy(PolicyConfig_t *dst, const PolicyConfig_t *src) {
   m.value(VDP_SLOT_TRUNC_STUB_SIZE, &Config::polcfg_trunc_stub_size);
   m.text(VDP_SLOT_TRUNC_SKIP, &Config::polcfg_trunc_regex);
   m.value(VDP_SLOT_TRUNC_PRI, &Config::polcfg_trunc_pri);
-  m.bits(VDP_SLOT_REP_INPUT, &Config::polcfg_rep_flags, VDP_REP_INPUT_MASK);
-  m.bits(VDP_SLOT_REP_OUTPUT, &Config::polcfg_flags, VDP_FLAG_REP_OUTPUT);
-  m.bits(VDP_SLOT_REP_SUBTREE, &Config::polcfg_rep_flags, VDP_REP_SUBTREE);
-  m.bits(VDP_SLOT_REP_DEDUP, &Config::polcfg_rep_flags, VDP_REP_DEDUP);
-  m.bits(VDP_SLOT_REP_COMPRESS, &Config::polcfg_rep_flags, VDP_REP_COMPRESS);
-  m.bits(VDP_SLOT_REP_ENCRYPT, &Config::polcfg_rep_flags, VDP_REP_ENCRYPT);
-  m.bits(VDP_SLOT_REP_REPORT, &Config::polcfg_rep_flags, VDP_REP_REPORT);
+  m.bits(keyword(VDP_SLOT_REP_INPUT));
+  m.bits(keyword(VDP_SLOT_REP_OUTPUT));
+  m.bits(keyword(VDP_SLOT_REP_SUBTREE));
+  m.bits(keyword(VDP_SLOT_REP_DEDUP));
+  m.bits(keyword(VDP_SLOT_REP_COMPRESS));
+  m.bits(keyword(VDP_SLOT_REP_ENCRYPT));
+  m.bits(keyword(VDP_SLOT_REP_REPORT));
   m.value(VDP_SLOT_REP_INLINE_SIZE, &Config::polcfg_rep_inline_size);
   m.value(VDP_SLOT_REP_COPIES, &Config::polcfg_rep_copies);
   m.text(VDP_SLOT_REP_REALIZE, &Config::polcfg_realize);

@@ -1,127 +1,15 @@
-// The policy keyword table. Row order matters: parse_option takes the first
-// row that matches, and the table is also the order in which policies are
-// listed for display. The objs_* and was_* rows are two spellings of one
-// option (same slot and field) and both stay.
+// PolicyOptions: the C view of the policy keyword table (policy_keywords.h),
+// the rows as parse_option reads them.
 #include <cstddef>
 
-#include "vdpolicy/lib/policy.h"
+#include "vdpolicy/lib/policy_keywords.h"
 
-namespace {
-
-#define VDP_FIELD(f) static_cast<int>(offsetof(PolicyConfig_t, f))
-
-constexpr VdOpt_type_e kStr = VDOPT_STR_DYNAMIC;
-constexpr VdOpt_type_e kBits = VDOPT_BITMASK;
-
-}  // namespace
+#define VDP_OPTION_ROW(syntax, slot, min, max, type, field, bits, help) \
+  Option{syntax, slot, min, max, help, 0, type, static_cast<int>(offsetof(PolicyConfig_t, field))},
 
 extern "C" const Option PolicyOptions[] = {
-    {"name=%s", 2, 0, 0, "policy id", 0, kStr, VDP_FIELD(polcfg_name)},
-    {"inherit=%s", 3, 0, 0, "inherit attributes from named policy", 0, kStr,
-     VDP_FIELD(polcfg_inherit)},
-    {"key=%d", 4, 0, 0, "policy key value", 0, VDOPT_UINT64, VDP_FIELD(polcfg_key)},
-    {"root=%s", 5, 0, 0, "root directory of policy key", 0, kStr, VDP_FIELD(polcfg_root)},
-    {"affinity=%s", 7, 0, 0, "affinity to assign data to", 0, VDOPT_UINT64,
-     VDP_FIELD(polcfg_affinity)},
-    {"ingest_off=%s", 8, 0, 0, "time window when ingest is disabled", 0, kStr,
-     VDP_FIELD(polcfg_ingest_sched_str)},
-    {"dedup=%b", 10, 0, 1, "dedup policy", 0, kBits, VDP_FIELD(polcfg_flags)},
-    {"objs=%b", 40, 0, 1, "OBJS policy", 0, kBits, VDP_FIELD(polcfg_flags)},
-    {"was=%b", 40, 0, 1, "OBJS policy", 0, kBits, VDP_FIELD(polcfg_flags)},
-    {"dedup_filter=%b", 11, 0, 0, "metadata filtering on dedup", 0, kBits, VDP_FIELD(polcfg_flags)},
-    {"max_seg_size=%D", 12, 0, 0, "maximum ingest segment size", 0, VDOPT_INT64,
-     VDP_FIELD(polcfg_max_seg_size)},
-    {"max_seg_age=%t", 13, 0, 0, "maximum ingest segment age", 0, VDOPT_INT32,
-     VDP_FIELD(polcfg_max_seg_age)},
-    {"dedup_age=%t", 14, 0, 0, "minimum age in seconds before dedup", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_dedup_age)},
-    {"dedup_min_size=%D", 15, 0, 0, "files smaller than this are not deduplicated", 0, VDOPT_UINT64,
-     VDP_FIELD(polcfg_dedup_min_size)},
-    {"dedup_seg_size=%D", 16, 0, 0, "maximum chunk deduplicated in one piece", 0, VDOPT_UINT64,
-     VDP_FIELD(polcfg_dedup_seg_size)},
-    {"dedup_min_round=%D", 17, 0, 0, "minimum dedup rounding size", 0, VDOPT_UINT64,
-     VDP_FIELD(polcfg_dedup_min_round)},
-    {"dedup_max_round=%D", 18, 0, 0, "maximum dedup rounding size", 0, VDOPT_UINT64,
-     VDP_FIELD(polcfg_dedup_max_round)},
-    {"dedup_skip=%s", 19, 0, 0, "filter out files to not dedup", 0, kStr,
-     VDP_FIELD(polcfg_dedup_regex)},
-    {"dedup_pri=%d", 20, 0, 999, "relative dedup priority", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_dedup_pri)},
-    {"dedup_bfst=%s", 21, 0, 0, "address of blockpool server", 0, kStr,
-     VDP_FIELD(polcfg_dedup_bfst)},
-    {"fencepost_gap=%D", 22, 0, 0, "fencepost gap size", 0, VDOPT_INT64,
-     VDP_FIELD(polcfg_fencepost_gap)},
-    {"objs_id=%s", 41, 0, 0, "OBJS configuration identifier", 0, kStr, VDP_FIELD(polcfg_cloud_id)},
-    {"was_id=%s", 41, 0, 0, "OBJS configuration identifier", 0, kStr, VDP_FIELD(polcfg_cloud_id)},
-    {"objs_namespace=%s", 42, 0, 0, "target OBJS namespace or steering namespaces", 0, kStr,
-     VDP_FIELD(polcfg_cloud_container)},
-    {"was_namespace=%s", 42, 0, 0, "target OBJS namespace or steering namespaces", 0, kStr,
-     VDP_FIELD(polcfg_cloud_container)},
-    {"objs_age=%t", 43, 0, 0, "minimum age in seconds before stored", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_cloud_age)},
-    {"was_age=%t", 43, 0, 0, "minimum age in seconds before stored", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_cloud_age)},
-    {"objs_min_size=%D", 44, 0, 0, "files smaller than this are not stored to Object Storage", 0,
-     VDOPT_UINT64, VDP_FIELD(polcfg_cloud_min_size)},
-    {"was_min_size=%D", 44, 0, 0, "files smaller than this are not stored to Object Storage", 0,
-     VDOPT_UINT64, VDP_FIELD(polcfg_cloud_min_size)},
-    {"objs_seg_size=%D", 45, 0, 0, "maximum chunk stored in Object Storage", 0, VDOPT_UINT64,
-     VDP_FIELD(polcfg_cloud_seg_size)},
-    {"was_seg_size=%D", 45, 0, 0, "maximum chunk stored in Object Storage", 0, VDOPT_UINT64,
-     VDP_FIELD(polcfg_cloud_seg_size)},
-    {"objs_skip=%s", 46, 0, 0, "filter out files to not store", 0, kStr,
-     VDP_FIELD(polcfg_cloud_regex)},
-    {"was_skip=%s", 46, 0, 0, "filter out files to not store", 0, kStr,
-     VDP_FIELD(polcfg_cloud_regex)},
-    {"objs_pri=%d", 47, 0, 999, "relative OBJS priority", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_cloud_pri)},
-    {"was_pri=%d", 47, 0, 999, "relative OBJS priority", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_cloud_pri)},
-    {"trunc=%b", 30, 0, 1, "truncate policy", 0, kBits, VDP_FIELD(polcfg_flags)},
-    {"trunc_age=%t", 31, 0, 0, "minimum age in seconds before truncate", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_trunc_age)},
-    {"trunc_min_size=%D", 32, 0, 0, "minimum file size to truncate", 0, VDOPT_UINT64,
-     VDP_FIELD(polcfg_trunc_size)},
-    {"trunc_low_water=%d", 33, 0, 100, "file system low watermark for truncation", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_trunc_low_water)},
-    {"trunc_high_water=%d", 34, 0, 100, "file system high watermark for truncation", 0,
-     VDOPT_UINT32, VDP_FIELD(polcfg_trunc_high_water)},
-    {"trunc_stub_size=%D", 35, 0, 0, "size of stub to leave after truncate", 0, VDOPT_UINT64,
-     VDP_FIELD(polcfg_trunc_stub_size)},
-    {"trunc_skip=%s", 36, 0, 0, "filter out files to not trunc", 0, kStr,
-     VDP_FIELD(polcfg_trunc_regex)},
-    {"trunc_pri=%d", 37, 0, 999, "relative truncate priority", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_trunc_pri)},
-    {"rep_input=|on,true|off,false|disabled", 50, 0, 0,
-     "replication input policy - 'false' = not a target.", 0, kBits, VDP_FIELD(polcfg_rep_flags)},
-    {"rep_output=%b", 52, 0, 0, "replication output policy", 0, kBits, VDP_FIELD(polcfg_flags)},
-    {"rep_subtree=%b", 53, 0, 0, "replicate subtrees", 0, kBits, VDP_FIELD(polcfg_rep_flags)},
-    {"rep_dedup=%b", 54, 0, 0, "replicate with deduped data", 0, kBits,
-     VDP_FIELD(polcfg_rep_flags)},
-    {"rep_compress=%b", 55, 0, 0, "on the wire compression for replication", 0, kBits,
-     VDP_FIELD(polcfg_rep_flags)},
-    {"rep_encrypt=%b", 56, 0, 0, "on the wire encryption for replication", 0, kBits,
-     VDP_FIELD(polcfg_rep_flags)},
-    {"rep_report=%b", 57, 0, 0, "generate replication reports", 0, kBits,
-     VDP_FIELD(polcfg_rep_flags)},
-    {"rep_target=%s", 58, 0, 0, "replication target", 0, VDOPT_SUBSTRUCT,
-     VDP_FIELD(polcfg_rep_target)},
-    {"rep_inline_size=%D", 59, 0, 0, "replicate files smaller than this inline", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_rep_inline_size)},
-    {"rep_copies=%d", 60, 0, 16, "number of namespace copies to keep", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_rep_copies)},
-    {"rep_realize=%s", 61, 0, 0, "name to use on target system", 0, kStr,
-     VDP_FIELD(polcfg_realize)},
-    {"rep_callout=%s", 62, 0, 0, "replication callout script", 0, kStr,
-     VDP_FIELD(polcfg_rep_callout)},
-    {"rep_name=%s", 63, 0, 0, "name on replication target", 0, kStr, VDP_FIELD(polcfg_rep_name)},
-    {"rep_relation=%s", 64, 0, 0, "configure replication into this TSM relation point", 0, kStr,
-     VDP_FIELD(polcfg_rep_relation)},
-    {"rep_skip=%s", 65, 0, 0, "filter out files to not replicate", 0, kStr,
-     VDP_FIELD(polcfg_rep_regex)},
-    {"rep_off=%s", 66, 0, 0, "time window when replication is disabled", 0, kStr,
-     VDP_FIELD(polcfg_rep_sched_str)},
-    {"rep_pri=%d", 67, 0, 999, "relative replication priority", 0, VDOPT_UINT32,
-     VDP_FIELD(polcfg_rep_pri)},
-    {nullptr, 0, 0, 0, nullptr, 0, VDOPT_INVALID, 0},
+    VDP_POLICY_KEYWORDS(VDP_OPTION_ROW)                      // each row with its comma
+    Option{nullptr, 0, 0, 0, nullptr, 0, VDOPT_INVALID, 0},  // a null keyword ends the table
 };
+
+#undef VDP_OPTION_ROW

@@ -35,9 +35,6 @@ enum class Applied {
 // number holds numbers, booleans and choice indexes, text holds strings.
 Applied apply_option(ParseContext &ctx, int slot, uint64_t number, const char *text);
 
-// The row of the keyword table for a slot (the first of synonyms), or null.
-const Option *row_for_slot(int slot);
-
 // objs_namespace / was_namespace: one namespace, or a steering spec when the
 // value holds a ':'. Fills the steering table; false after fail().
 bool set_steering(ParseContext &ctx, std::string_view value);

@@ -1,66 +1,32 @@
 // Storing one option's value in a PolicyConfig_t: the generic stores driven
-// by the keyword table's type and field offset, and the keywords whose
-// values need more than a copy (name, key, root, affinity, blackout
-// windows, booleans, rep_input, rep_realize).
-#include <array>
+// by the keyword's type, field and bits (policy_keywords.h), and the
+// keywords whose values need more than a copy (name, key, root, affinity,
+// blackout windows, rep_input, rep_realize).
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 #include "vdpolicy/lib/policy_internal.h"
+#include "vdpolicy/lib/policy_keywords.h"
 #include "vdpolicy/lib/policy_parse_internal.h"
-
-namespace vdpol {
-
-const Option *row_for_slot(int slot) {
-  static const std::array<const Option *, VDP_NUM_SLOTS> rows = [] {
-    std::array<const Option *, VDP_NUM_SLOTS> r{};
-    for (const Option *row = PolicyOptions; row->m_name != nullptr; ++row)
-      if (row->m_option >= 0 && row->m_option < VDP_NUM_SLOTS &&
-          r[static_cast<size_t>(row->m_option)] == nullptr)
-        r[static_cast<size_t>(row->m_option)] = row;
-    return r;
-  }();
-  if (slot < 0 || slot >= VDP_NUM_SLOTS) return nullptr;
-  return rows[static_cast<size_t>(slot)];
-}
-
-}  // namespace vdpol
 
 namespace {
 
 using vdpol::Applied;
 using vdpol::fail;
+using vdpol::field_of;
+using vdpol::Keyword;
 using vdpol::ParseContext;
 
 constexpr std::size_t kMaxNameLen = 31;
 constexpr std::size_t kAffinityLen = 8;
 constexpr std::string_view kHandleDir = "/__KXFS_Handle.";
 
-// The bit each boolean keyword sets in the word its row names.
-struct BitOption {
-  int slot;
-  uint32_t bit;
-};
-constexpr BitOption kBitOptions[] = {
-    {VDP_SLOT_DEDUP, VDP_FLAG_DEDUP},
-    {VDP_SLOT_TRUNC, VDP_FLAG_TRUNC},
-    {VDP_SLOT_REP_OUTPUT, VDP_FLAG_REP_OUTPUT},
-    {VDP_SLOT_DEDUP_FILTER, VDP_FLAG_DEDUP_FILTER},
-    {VDP_SLOT_OBJS, VDP_FLAG_OBJS},
-    {VDP_SLOT_REP_SUBTREE, VDP_REP_SUBTREE},
-    {VDP_SLOT_REP_DEDUP, VDP_REP_DEDUP},
-    {VDP_SLOT_REP_REPORT, VDP_REP_REPORT},
-    {VDP_SLOT_REP_COMPRESS, VDP_REP_COMPRESS},
-    {VDP_SLOT_REP_ENCRYPT, VDP_REP_ENCRYPT},
-};
-
-// rep_input's choice groups, in the order of the row's list.
+// rep_input's choice groups, in the order of the row's list; together they
+// are the bits its row owns, which the merge copies.
 constexpr uint32_t kRepInputBits[] = {VDP_REP_INPUT_ON, VDP_REP_INPUT_OFF, VDP_REP_INPUT_DISABLED};
-
-template <typename T>
-T *field_at(PolicyConfig_t *policy, const Option &row) {
-  return reinterpret_cast<T *>(reinterpret_cast<char *>(policy) + row.m_field_offset);
-}
+static_assert((kRepInputBits[0] | kRepInputBits[1] | kRepInputBits[2]) ==
+              vdpol::keyword(VDP_SLOT_REP_INPUT).bits);
 
 Applied store_text(ParseContext &ctx, char **field, std::string_view text) {
   if (vdpol::replace_text(field, text)) return Applied::ok;
@@ -68,34 +34,30 @@ Applied store_text(ParseContext &ctx, char **field, std::string_view text) {
   return Applied::failed;
 }
 
-Applied store_bit(ParseContext &ctx, const Option &row, int slot, uint64_t on) {
-  uint32_t *word = field_at<uint32_t>(ctx.policy, row);
-  for (const BitOption &b : kBitOptions) {
-    if (b.slot != slot) continue;
-    *word = on != 0 ? (*word | b.bit) : (*word & ~b.bit);
-    return Applied::ok;
-  }
-  return Applied::syntax_error;  // a boolean row without a known bit
+Applied store_bit(ParseContext &ctx, const Keyword &k, uint64_t on) {
+  uint32_t &word = field_of<uint32_t>(*ctx.policy, k);
+  word = on != 0 ? (word | k.bits) : (word & ~k.bits);
+  return Applied::ok;
 }
 
 // Numbers wrap into their field, as the option parsers do.
-Applied store_generic(ParseContext &ctx, const Option &row, uint64_t number, const char *text) {
-  PolicyConfig_t *p = ctx.policy;
-  switch (row.m_vdopt_type) {
+Applied store_generic(ParseContext &ctx, const Keyword &k, uint64_t number, const char *text) {
+  PolicyConfig_t &p = *ctx.policy;
+  switch (k.type) {
     case VDOPT_INT32:
-      *field_at<int32_t>(p, row) = static_cast<int32_t>(number);
+      field_of<int32_t>(p, k) = static_cast<int32_t>(number);
       return Applied::ok;
     case VDOPT_UINT32:
-      *field_at<uint32_t>(p, row) = static_cast<uint32_t>(number);
+      field_of<uint32_t>(p, k) = static_cast<uint32_t>(number);
       return Applied::ok;
     case VDOPT_INT64:
-      *field_at<int64_t>(p, row) = static_cast<int64_t>(number);
+      field_of<int64_t>(p, k) = static_cast<int64_t>(number);
       return Applied::ok;
     case VDOPT_UINT64:
-      *field_at<uint64_t>(p, row) = number;
+      field_of<uint64_t>(p, k) = number;
       return Applied::ok;
     case VDOPT_STR_DYNAMIC:
-      return store_text(ctx, field_at<char *>(p, row), text);
+      return store_text(ctx, &field_of<char *>(p, k), text);
     default:
       return Applied::syntax_error;
   }
@@ -176,10 +138,9 @@ Applied store_namespace(ParseContext &ctx, std::string_view value) {
   return store_text(ctx, &ctx.policy->polcfg_cloud_container, value);
 }
 
-Applied store_value(ParseContext &ctx, const Option &row, int slot, uint64_t number,
-                    const char *text) {
+Applied store_value(ParseContext &ctx, const Keyword &k, uint64_t number, const char *text) {
   PolicyConfig_t *p = ctx.policy;
-  switch (slot) {
+  switch (k.slot) {
     case VDP_SLOT_NAME:
       if (std::strlen(text) > kMaxNameLen) {
         fail(ctx, "policy name too long");
@@ -207,8 +168,8 @@ Applied store_value(ParseContext &ctx, const Option &row, int slot, uint64_t num
     default:
       break;
   }
-  if (row.m_vdopt_type == VDOPT_BITMASK) return store_bit(ctx, row, slot, number);
-  return store_generic(ctx, row, number, text);
+  if (k.type == VDOPT_BITMASK) return store_bit(ctx, k, number);
+  return store_generic(ctx, k, number, text);
 }
 
 }  // namespace
@@ -216,8 +177,8 @@ Applied store_value(ParseContext &ctx, const Option &row, int slot, uint64_t num
 namespace vdpol {
 
 Applied apply_option(ParseContext &ctx, int slot, uint64_t number, const char *text) {
-  const Option *row = row_for_slot(slot);
-  if (row == nullptr) return Applied::syntax_error;
+  const Keyword *k = find_keyword(slot);
+  if (k == nullptr) return Applied::syntax_error;
   vdp_origin_t &origin = ctx.policy->polcfg_origin[slot];
   if (origin == VDP_ORIGIN_LOCAL) {
     // A policy's first name is the one it is known by; later ones are
@@ -226,7 +187,7 @@ Applied apply_option(ParseContext &ctx, int slot, uint64_t number, const char *t
     if (slot != VDP_SLOT_REP_TARGET) return Applied::syntax_error;
   }
   origin = VDP_ORIGIN_LOCAL;
-  return store_value(ctx, *row, slot, number, text);
+  return store_value(ctx, *k, number, text);
 }
 
 }  // namespace vdpol

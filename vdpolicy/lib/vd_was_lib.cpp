@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -321,8 +322,8 @@ extern "C" int parse_objs_config_file(const char *path, cla_was_config_info *inf
   }
   if (ok) ok = reader.Close();
   if (ok) return 0;
-  *err = objs_conf::FailureText(path, line_no, reader.reason);
-  reader.cur.reset();
+  *err = objs_conf::FailureText(path, line_no, reader.reason());
+  reader.Discard();
   free_was_config_info(info);
   return -1;
 }

@@ -5,6 +5,7 @@
 #include "libutil/kxlog.h"
 #include "libutil/snprintf.h"
 #include "vdpolicy/lib/policy_internal.h"
+#include "vdpolicy/lib/policy_keywords.h"
 #include "vdpolicy/lib/vdpol_record.h"
 
 namespace {
@@ -14,10 +15,6 @@ constexpr int kInvalid = 22;
 constexpr uint32_t kFreedMark = 0xDEAD0000u;
 
 using Message = vdpol::CallerMessage;
-
-VdOpt_bool_t bit(uint32_t word, uint32_t mask) {
-  return (word & mask) != 0 ? VDOPT_TRUE : VDOPT_FALSE;
-}
 
 // Fills the record field by field; each field's origin is copied just
 // before the field. Stops at the first failure (rc non-zero).
@@ -34,6 +31,12 @@ struct Builder {
     if (rc != 0) return;
     origin(slot);
     r->*field = static_cast<T>(v);
+  }
+
+  // On when the configuration has the keyword's bit set.
+  void flag(const vdpol::Keyword &k, VdOpt_bool_t Vdp_t::*field) {
+    const bool on = (vdpol::field_of<uint32_t>(*c, k) & k.bits) != 0;
+    value(k.slot, field, on ? VDOPT_TRUE : VDOPT_FALSE);
   }
 
   void text(int slot, char *Vdp_t::*field, const char *src) {
@@ -73,16 +76,15 @@ struct Builder {
 
 void Builder::fill() {
   using R = Vdp_t;
-  const uint32_t f = c->polcfg_flags;
-  const uint32_t rf = c->polcfg_rep_flags;
+  using vdpol::keyword;
   text(VDP_SLOT_NAME, &R::vdp_name, c->polcfg_name);
   text(VDP_SLOT_INHERIT, &R::vdp_inherit, c->polcfg_inherit);
   value(VDP_SLOT_KEY, &R::vdp_key, c->polcfg_key);
   text(VDP_SLOT_ROOT, &R::vdp_root, c->polcfg_root);
   value(VDP_SLOT_AFFINITY, &R::vdp_affinity, c->polcfg_affinity);
   text(VDP_SLOT_INGEST_OFF, &R::vdp_ingest_sched, c->polcfg_ingest_sched_str);
-  value(VDP_SLOT_DEDUP, &R::vdp_dedup_onoff, bit(f, VDP_FLAG_DEDUP));
-  value(VDP_SLOT_DEDUP_FILTER, &R::vdp_dedup_filter_onoff, bit(f, VDP_FLAG_DEDUP_FILTER));
+  flag(keyword(VDP_SLOT_DEDUP), &R::vdp_dedup_onoff);
+  flag(keyword(VDP_SLOT_DEDUP_FILTER), &R::vdp_dedup_filter_onoff);
   value(VDP_SLOT_MAX_SEG_SIZE, &R::vdp_dedup_max_seg_sz, c->polcfg_max_seg_size);
   value(VDP_SLOT_MAX_SEG_AGE, &R::vdp_dedup_max_seg_age, c->polcfg_max_seg_age);
   value(VDP_SLOT_DEDUP_AGE, &R::vdp_dedup_min_age, c->polcfg_dedup_age);
@@ -94,7 +96,7 @@ void Builder::fill() {
   value(VDP_SLOT_DEDUP_PRI, &R::vdp_dedup_pri, c->polcfg_dedup_pri);
   text(VDP_SLOT_DEDUP_BFST, &R::vdp_dedup_bfst, c->polcfg_dedup_bfst);
   value(VDP_SLOT_FENCEPOST_GAP, &R::vdp_fencepost_gap, c->polcfg_fencepost_gap);
-  value(VDP_SLOT_OBJS, &R::vdp_cloud_onoff, bit(f, VDP_FLAG_OBJS));
+  flag(keyword(VDP_SLOT_OBJS), &R::vdp_cloud_onoff);
   text(VDP_SLOT_OBJS_ID, &R::vdp_cloud_id, c->polcfg_cloud_id);
   text(VDP_SLOT_OBJS_NAMESPACE, &R::vdp_cloud_container, c->polcfg_cloud_container);
   value(VDP_SLOT_OBJS_MIN_SIZE, &R::vdp_cloud_min_size, c->polcfg_cloud_min_size);
@@ -102,7 +104,7 @@ void Builder::fill() {
   value(VDP_SLOT_OBJS_AGE, &R::vdp_cloud_min_age, c->polcfg_cloud_age);
   value(VDP_SLOT_OBJS_SKIP, &R::vdp_cloud_regex, c->polcfg_cloud_regex);  // borrowed
   value(VDP_SLOT_OBJS_PRI, &R::vdp_cloud_pri, c->polcfg_cloud_pri);
-  value(VDP_SLOT_TRUNC, &R::vdp_trunc_onoff, bit(f, VDP_FLAG_TRUNC));
+  flag(keyword(VDP_SLOT_TRUNC), &R::vdp_trunc_onoff);
   value(VDP_SLOT_TRUNC_AGE, &R::vdp_trunc_min_age, c->polcfg_trunc_age);
   value(VDP_SLOT_TRUNC_MIN_SIZE, &R::vdp_trunc_min_size, c->polcfg_trunc_size);
   value(VDP_SLOT_TRUNC_LOW_WATER, &R::vdp_trunc_low_water, c->polcfg_trunc_low_water);
@@ -111,12 +113,12 @@ void Builder::fill() {
   text(VDP_SLOT_TRUNC_SKIP, &R::vdp_trunc_regex, c->polcfg_trunc_regex);
   value(VDP_SLOT_TRUNC_PRI, &R::vdp_trunc_pri, c->polcfg_trunc_pri);
   rep_input();
-  value(VDP_SLOT_REP_OUTPUT, &R::vdp_rep_output_onoff, bit(f, VDP_FLAG_REP_OUTPUT));
-  value(VDP_SLOT_REP_SUBTREE, &R::vdp_rep_subtree_onoff, bit(rf, VDP_REP_SUBTREE));
-  value(VDP_SLOT_REP_DEDUP, &R::vdp_rep_dedup_onoff, bit(rf, VDP_REP_DEDUP));
-  value(VDP_SLOT_REP_COMPRESS, &R::vdp_rep_compress_onoff, bit(rf, VDP_REP_COMPRESS));
-  value(VDP_SLOT_REP_ENCRYPT, &R::vdp_rep_encrypt_onoff, bit(rf, VDP_REP_ENCRYPT));
-  value(VDP_SLOT_REP_REPORT, &R::vdp_rep_report_onoff, bit(rf, VDP_REP_REPORT));
+  flag(keyword(VDP_SLOT_REP_OUTPUT), &R::vdp_rep_output_onoff);
+  flag(keyword(VDP_SLOT_REP_SUBTREE), &R::vdp_rep_subtree_onoff);
+  flag(keyword(VDP_SLOT_REP_DEDUP), &R::vdp_rep_dedup_onoff);
+  flag(keyword(VDP_SLOT_REP_COMPRESS), &R::vdp_rep_compress_onoff);
+  flag(keyword(VDP_SLOT_REP_ENCRYPT), &R::vdp_rep_encrypt_onoff);
+  flag(keyword(VDP_SLOT_REP_REPORT), &R::vdp_rep_report_onoff);
   targets();
   value(VDP_SLOT_REP_INLINE_SIZE, &R::vdp_rep_inline_size, c->polcfg_rep_inline_size);
   value(VDP_SLOT_REP_COPIES, &R::vdp_rep_copies, c->polcfg_rep_copies);
