@@ -6,8 +6,8 @@ include(GoogleTest)
 function(vd_add_gtest name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;ENV;LABELS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main
-                        GTest::gmock vd_warnings)
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} vd_test_support GTest::gtest
+                        GTest::gtest_main GTest::gmock vd_warnings)
   target_include_directories(${name} PRIVATE ${VD_INCLUDE_ROOT} ${PROJECT_SOURCE_DIR}/tests)
   set(props "")
   if(ARG_ENV)

@@ -32,38 +32,33 @@ std::string Bytes(const char (&literal)[N]) {
                                        << child.err;
 }
 
-// dm_fd_to_handle, and an ioctl that returns 1: the call failed with errno
-// left at 0.
-TEST(DriverRepliesTest, PositiveIoctlResultOnADescriptorFailsWithAnErrno) {
-  EXPECT_TRUE(Replays(Bytes("\x00\x01\x66")));
-}
-
-// dm_path_to_handle, and a request on the control device that returns 1.
-TEST(DriverRepliesTest, PositiveDriverResultFailsWithAnErrno) {
-  EXPECT_TRUE(Replays(Bytes("\x00\x00\x00\x66")));
-}
-
-// dm_get_dmattr_fd with a 255-byte buffer, and a file system that leaves the
-// payload as it was: the caller's length came back as the value's length,
-// 255 bytes where no value has more than 128.
-TEST(DriverRepliesTest, AttributeLengthBeyondTheLargestValueIsNotReported) {
-  EXPECT_TRUE(Replays(Bytes("\x44\x12\xff\xff")));
-}
-
-// dm_getall_disp with a 65,535-byte buffer, and a reply of 0xFF bytes: a
-// success that claimed 4 GiB written into it.
-TEST(DriverRepliesTest, ReplyLongerThanTheCallersBufferIsNoSuccess) {
-  EXPECT_TRUE(Replays(Bytes("\x00\x0d\xff\xff\xff\x44\xff")));
-}
-
-// A 1,024-character mount point and a handle-to-path reply filled with 0x02:
-// a 1,024-byte path without a terminator. The library cut it to 1,023 bytes,
-// which names another file.
-TEST(DriverRepliesTest, HandleToPathKeepsAPathThatFillsItsField) {
-  EXPECT_TRUE(Replays(Bytes("\x05\x05\x01\x2f\xf8\x03\x00\x08\x00\x02\x88\x77\x66\x55\x44\x33"
-                            "\x22\x11\x05\x00\x00\x00\x00\x00\x01\x00\x00\x00\x00\x10\x00\x10"
-                            "\x00\x05\x00\x00\x00\x00\x00\x05\x00\x08\x00\x88\x77\x66\x55\x44"
-                            "\x33\x22\x11\x2f\x64\x02")));
+TEST(DriverRepliesTest, KeptFindingsPassEveryCheck) {
+  const struct {
+    const char *what;
+    std::string input;
+  } findings[] = {
+      // dm_fd_to_handle, and an ioctl that returns 1: the call failed with
+      // errno left at 0.
+      {"positive ioctl result on a descriptor", Bytes("\x00\x01\x66")},
+      // dm_path_to_handle, and a request on the control device that returns 1.
+      {"positive driver result", Bytes("\x00\x00\x00\x66")},
+      // dm_get_dmattr_fd with a 255-byte buffer, and a file system that leaves
+      // the payload as it was: the caller's length came back as the value's
+      // length, 255 bytes where no value has more than 128.
+      {"attribute length beyond the largest value", Bytes("\x44\x12\xff\xff")},
+      // dm_getall_disp with a 65,535-byte buffer, and a reply of 0xFF bytes: a
+      // success that claimed 4 GiB written into it.
+      {"reply longer than the caller's buffer", Bytes("\x00\x0d\xff\xff\xff\x44\xff")},
+      // A 1,024-character mount point and a handle-to-path reply filled with
+      // 0x02: a 1,024-byte path without a terminator. The library cut it to
+      // 1,023 bytes, which names another file.
+      {"handle-to-path reply that fills its field",
+       Bytes("\x05\x05\x01\x2f\xf8\x03\x00\x08\x00\x02\x88\x77\x66\x55\x44\x33"
+             "\x22\x11\x05\x00\x00\x00\x00\x00\x01\x00\x00\x00\x00\x10\x00\x10"
+             "\x00\x05\x00\x00\x00\x00\x00\x05\x00\x08\x00\x88\x77\x66\x55\x44"
+             "\x33\x22\x11\x2f\x64\x02")},
+  };
+  for (const auto &finding : findings) EXPECT_TRUE(Replays(finding.input)) << finding.what;
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 
 #include <array>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -47,18 +46,21 @@ TEST(EventsOutsideFsTest, MaxeventIsCheckedBeforeTheHandleByHandleFormsOnly) {
 }
 
 TEST(EventsOutsideFsTest, EventFileCallsTakeOnlyTheirTypesAndBoundedData) {
-  for (int ev : {7, 20, 28, 40, 45}) {
-    EXPECT_EQ("-1 ENOSYS", OUTCOME(dm_roll_eventfile(0, 0, static_cast<dm_eventtype_t>(ev)))) << ev;
-  }
-  for (int ev : {-1, 0, 8, 29, 39, 46, 64}) {
-    EXPECT_EQ("-1 EINVAL", OUTCOME(dm_roll_eventfile(0, 0, static_cast<dm_eventtype_t>(ev)))) << ev;
-    EXPECT_EQ("-1 EINVAL",
-              OUTCOME(dm_add_evententry(0, 0, static_cast<dm_eventtype_t>(ev), 0, nullptr)))
-        << ev;
-  }
+  // A call that passes reaches the absent driver (ENOSYS); the others are refused.
   std::vector<unsigned char> data(1233, 0xAB);
   EXPECT_EQ("-1 ENOSYS", OUTCOME(dm_add_evententry(0, 0, DM_EVENT_BLOCKLET, 1232, data.data())));
   EXPECT_EQ("-1 EINVAL", OUTCOME(dm_add_evententry(0, 0, DM_EVENT_BLOCKLET, 1233, data.data())));
+  std::string rolled, added;
+  for (int ev = -1; ev <= 64; ++ev) {
+    // Cast in place: a variable of the enum type may not hold 64.
+    if (OUTCOME(dm_roll_eventfile(0, 0, static_cast<dm_eventtype_t>(ev))) == "-1 ENOSYS")
+      rolled += " " + std::to_string(ev);
+    if (OUTCOME(dm_add_evententry(0, 0, static_cast<dm_eventtype_t>(ev), 0, nullptr)) ==
+        "-1 ENOSYS")
+      added += " " + std::to_string(ev);
+  }
+  EXPECT_EQ(" 7 20 28 40 41 42 43 44 45", rolled);
+  EXPECT_EQ(rolled, added);
   char path[DM_GET_DIR_PATH_MAX];
   EXPECT_EQ("-1 EINVAL", OUTCOME(dm_get_dir(0, 2, path)));
 }
@@ -128,7 +130,6 @@ TEST_F(EventsSimTest, FileSystemHandleGoesThroughTheDriver) {
     EXPECT_EQ(1u, fs.LogLinesWith({code, "result=0"}).size()) << code;
   }
   EXPECT_TRUE(fs.LogLinesWith({"ioctl 0x426 "}).empty());
-  EXPECT_EQ("0x0", Events());  // the file's own list is untouched
 }
 
 TEST_F(EventsSimTest, FailuresKeepTheirErrno) {

@@ -2,20 +2,16 @@
 // descriptors opened by handle); SimFs cases open files of a simulated mount.
 #include <errno.h>
 #include <fcntl.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdint>
-#include <memory>
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "kxdmapi/kxdmapi.h"
-#include "libutil/getroot.h"
 #include "support/owned_handle.h"
 #include "support/sim_fs.h"
 
@@ -199,63 +195,6 @@ TEST_F(FdCacheSimTest, FailedOpenOfAHeldHandleCachesNothing) {
   int cached = 0;
   ASSERT_EQ(1, dm_fdcache_search(h(), hlen_, &cached));
   EXPECT_EQ(-1, cached);
-}
-
-// ---- Trace lines ------------------------------------------------------------
-
-// The debug directory is resolved once per process: point it at a private
-// log root before anything traces. Tracing stays off until a case creates
-// "dmapi.log" there.
-class TraceRoot : public ::testing::Environment {
- public:
-  void SetUp() override {
-    root = vdtest::MakeTempDir("kxdmapi-fdcache");
-    ASSERT_FALSE(root.empty());
-    setenv("KXFSLOGS", root.c_str(), 1);
-    ASSERT_EQ(0, mkdir((root + "/debug").c_str(), 0755));
-  }
-  void TearDown() override { vdtest::RemoveTree(root); }
-  static inline std::string root;
-};
-const auto *const kTraceRoot = ::testing::AddGlobalTestEnvironment(new TraceRoot);
-
-TEST_F(FdCacheTest, HoldsReleasesAndFlushAreTraced) {
-  const std::string log = TraceRoot::root + "/debug/dmapi.log";
-  if (GetKxfsDebugDir() != TraceRoot::root + "/debug") GTEST_SKIP() << "resolved elsewhere";
-  close(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
-  kxdmapi_debug_flags = 1;
-  Handle a = MakeFileHandle(0x1234, 1), b = MakeFileHandle(0x1234, 2);
-  ASSERT_EQ(0, dm_obj_ref_hold(0, -1, a.data(), 24));
-  ASSERT_EQ(0, dm_obj_ref_hold(0, -1, b.data(), 24));
-  ASSERT_EQ(0, dm_obj_ref_hold(0, -1, a.data(), 24));
-  ASSERT_EQ(0, dm_obj_ref_rele(0, -1, a.data(), 24));
-  EXPECT_EQ(-1, dm_obj_ref_rele(0, -1, MakeFileHandle(0x1234, 3).data(), 24));
-  ASSERT_EQ(0, dm_obj_ref_rele(0, -1, DM_GLOBAL_HANP, DM_GLOBAL_HLEN));
-  kxdmapi_debug_flags = 0;
-  std::vector<std::string> seen;  // messages of the cache's own lines
-  for (const std::string &line : vdtest::SplitLines(vdtest::ReadFile(log))) {
-    const size_t at = line.find("): ");
-    const size_t text = at == std::string::npos ? at : line.find_first_not_of(' ', at + 3);
-    if (text == std::string::npos) continue;
-    if (line.compare(text, 10, "dm_fdcache") == 0 || line.compare(text, 10, "dm_obj_ref") == 0) {
-      seen.push_back(line.substr(text));
-    }
-  }
-  const std::vector<std::string> expected = {"dm_fdcache_handle_hold: slot 0 cnt 1",
-                                             "dm_obj_ref_hold: Held",
-                                             "dm_fdcache_handle_hold: slot 1 cnt 1",
-                                             "dm_obj_ref_hold: Held",
-                                             "dm_fdcache_handle_hold: slot 0 cnt 2",
-                                             "dm_obj_ref_hold: Held",
-                                             "dm_fdcache_handle_rele: slot 0 cnt 1 fd -1",
-                                             "dm_obj_ref_rele: Rele",
-                                             "dm_fdcache_handle_rele: Fail",
-                                             "dm_obj_ref_rele: !Found",
-                                             "dm_obj_ref_rele: Global flush",
-                                             "dm_fdcache_flush: -1",
-                                             "dm_fdcache_flush: -1",
-                                             "dm_fdcache_flush: done"};
-  EXPECT_EQ(expected, seen);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Handles: the wire layout, classification, comparison, hashing, hex text.
+// Handles: the wire format, classification, conversions, order, hash and hex text.
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -57,7 +57,6 @@ TEST_F(HandlesTest, MadeHandlesFollowTheWireFormatAndMaskTheInode) {
   void *hanp = nullptr;
   size_t hlen = 0;
   ASSERT_EQ(0, dm_make_handle(&fsid_, &ino, &gen, &hanp, &hlen));
-  ASSERT_EQ(24u, hlen);
   EXPECT_EQ(
       "8877665544332211"
       "000E"
@@ -66,20 +65,16 @@ TEST_F(HandlesTest, MadeHandlesFollowTheWireFormatAndMaskTheInode) {
       "0100030405060708",
       Hex(hanp, hlen));
   dm_handle_free(hanp, hlen);
-
+  // The rest of a caller's 64-byte record, pad2 included, is zeroed.
   ino = ~dm_ino_t{0};
   dm_handle_t rec;
   std::memset(&rec, 0xEE, sizeof rec);
   ASSERT_EQ(24u, dm_make_handle_nocopy(&fsid_, &ino, &gen, &rec));
-  EXPECT_EQ("7F807FFFFFFFFFFF", Hex(reinterpret_cast<unsigned char *>(&rec) + 16, 8));
-  EXPECT_EQ("000000000000", Hex(rec.dm_handle_pad2, sizeof rec.dm_handle_pad2));
-  dm_fsid_t fsid = 0;
-  dm_ino_t got_ino = 0;
-  dm_igen_t got_gen = 0;
-  EXPECT_EQ(DM_HANDLE_FILE, dm_crack_handle(&rec, 24, &fsid, &got_ino, &got_gen));
-  EXPECT_EQ(fsid_, fsid);
-  EXPECT_EQ(0x7F807FFFFFFFFFFFULL, got_ino);
-  EXPECT_EQ(gen, got_gen);
+  EXPECT_EQ("8877665544332211000E0000A1B2C3D47F807FFFFFFFFFFF" + std::string(80, '0'),
+            Hex(&rec, sizeof rec));
+  dm_ino_t got = 0;
+  EXPECT_EQ(0, dm_handle_to_ino(&rec, 24, &got));
+  EXPECT_EQ(0x7F807FFFFFFFFFFFULL, got);
 }
 
 TEST_F(HandlesTest, CrackClassifiesAndRejectsWithoutTouchingErrno) {

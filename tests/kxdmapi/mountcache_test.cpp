@@ -1,4 +1,4 @@
-// Mount cache: bucket sizing and hashing, builds across mount-table changes,
+// Mount cache: bucket sizing, builds across mount-table changes,
 // lookups of mounted and unmounted file systems, and the report.
 #include <errno.h>
 
@@ -21,14 +21,6 @@ TEST(MountCacheTableTest, BucketArrayIsFourTimesTheFloorPowerOfTwoAtLeast32) {
   for (size_t n = 16; n <= 31; ++n) EXPECT_EQ(64u, dm_mnt_cache_tab_size_for(n)) << n;
   EXPECT_EQ(128u, dm_mnt_cache_tab_size_for(32));
   EXPECT_EQ(2048u, dm_mnt_cache_tab_size_for(1000));
-}
-
-TEST(MountCacheTableTest, BucketFoldsAllFsidBitsDown) {
-  EXPECT_EQ(1u, dm_mnt_cache_bucket(1, 32));
-  EXPECT_EQ(17u, dm_mnt_cache_bucket(0x10, 32));
-  EXPECT_EQ(17u, dm_mnt_cache_bucket(uint64_t{1} << 32, 32));
-  EXPECT_EQ(16u, dm_mnt_cache_bucket(~uint64_t{0}, 32));
-  EXPECT_EQ(112u, dm_mnt_cache_bucket(~uint64_t{0}, 128));
 }
 
 // Without the driver nothing can be built, and nothing is reported.

@@ -1,5 +1,6 @@
 // Call tracing: the trace file's line format, indentation, the switch that
-// turns itself off when the file is missing, and errno preservation.
+// turns itself off when the file is missing, errno preservation, and the
+// lines that operations write.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -7,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <regex>
 #include <string>
 
@@ -125,6 +128,28 @@ TEST_F(TraceTest, OperationsTraceTheirDocumentedLines) {
                                     "dm_handle_to_ino: NOT!", "dm_handle_hash",
                                     "dm_handle_is_global"};
   EXPECT_EQ(expected, Messages());
+}
+
+// The open-file cache's lines name the slot, count and descriptor acted on.
+TEST_F(TraceTest, FdCacheLinesNameTheSlotCountAndDescriptor) {
+  CreateLog();
+  unsigned char a[24] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 14, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1};
+  unsigned char b[24], c[24];
+  std::memcpy(b, a, sizeof a);
+  std::memcpy(c, a, sizeof a);
+  b[23] = 2;
+  c[23] = 3;
+  for (const unsigned char *h : {a, b, a}) ASSERT_EQ(0, dm_obj_ref_hold(0, -1, h, 24));
+  ASSERT_EQ(0, dm_obj_ref_rele(0, -1, a, 24));
+  ASSERT_EQ(-1, dm_obj_ref_rele(0, -1, c, 24));
+  ASSERT_EQ(0, dm_obj_ref_rele(0, -1, DM_GLOBAL_HANP, DM_GLOBAL_HLEN));
+  const std::vector<std::string> messages = Messages();
+  for (const char *line :
+       {"dm_fdcache_handle_hold: slot 1 cnt 1", "dm_fdcache_handle_hold: slot 0 cnt 2",
+        "dm_fdcache_handle_rele: slot 0 cnt 1 fd -1", "dm_obj_ref_rele: !Found",
+        "dm_fdcache_flush: -1", "dm_fdcache_flush: done"}) {
+    EXPECT_NE(messages.end(), std::find(messages.begin(), messages.end(), line)) << line;
+  }
 }
 
 // Calls that the driver's trace shows as one call must not show the helpers

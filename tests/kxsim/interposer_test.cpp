@@ -4,6 +4,7 @@
 #include <mntent.h>
 
 #include <atomic>
+#include <fstream>
 #include <thread>
 
 #include "sim_fixture.h"
@@ -15,20 +16,19 @@ class InterposerTest : public SimTest {
  protected:
   void SetUp() override {
     SimTest::SetUp();
-    make_file("f");
-    outside_ = root_ + "/outside";
-    std::ofstream(outside_) << "x";
+    ASSERT_TRUE(fs.WriteFile("f", "data"));
   }
-  std::string outside_;
 };
 
 TEST_F(InterposerTest, RequestsOutsideMountsBehaveAsWithoutTheDriver) {
+  const std::string outside = fs.root() + "/outside";
+  std::ofstream(outside) << "x";
   Buf b(160, 0);
   int err = 0;
-  EXPECT_EQ(-1, file_ioctl(outside_, 0x40E, b, &err));
+  EXPECT_EQ(-1, file_ioctl(outside, 0x40E, b, &err));
   EXPECT_EQ(ENOTTY, err);
-  setenv("KXSIM_FAULTS", "kind=open,errno=EIO,path=nothing-matches", 1);
-  int fd = open(outside_.c_str(), O_RDONLY);
+  fs.SetFaults("kind=open,errno=EIO,path=nothing-matches");
+  int fd = open(outside.c_str(), O_RDONLY);
   EXPECT_GE(fd, 0);
   close(fd);
 }
@@ -43,6 +43,8 @@ TEST_F(InterposerTest, InertWithoutConfiguration) {
   EXPECT_EQ(ENOTTY, err);
   errno = 0;
   EXPECT_EQ(-1, open(special_path(h).c_str(), O_RDONLY));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(-1, open("/dev/kxfsctl0", O_RDWR));
   EXPECT_EQ(ENOENT, errno);
   FILE *m = setmntent("/proc/mounts", "r");
   ASSERT_NE(m, nullptr);
@@ -64,7 +66,7 @@ TEST_F(InterposerTest, EveryWayOfChangingTheEnvironmentIsNoticed) {
   static char off[] = "KXSIM_CONFIG=";
   ASSERT_EQ(0, putenv(off));
   EXPECT_EQ(ENOTTY, answer());
-  setenv("KXSIM_CONFIG", config_.c_str(), 1);
+  setenv("KXSIM_CONFIG", fs.config().c_str(), 1);
   EXPECT_EQ(EINVAL, answer());
   char **saved = environ;
   char *replaced[] = {off, nullptr};
@@ -95,25 +97,25 @@ TEST_F(InterposerTest, ErrnoIsKeptOnSuccess) {
 
 TEST_F(InterposerTest, NoInternalRecursion) {
   setenv("KXSIM_TRACE", "1", 1);
-  setenv("KXSIM_LOG", (root_ + "/log").c_str(), 1);
-  setenv("KXSIM_FAULTS", "kind=ioctl,name=NONE,errno=EIO", 1);
-  testing::internal::CaptureStderr();
-  Buf h = path_to_handle(path("f"));
-  int fd = open(special_path(h).c_str(), O_RDONLY);
-  Buf b(160, 0);
-  ioctl(fd, 0x40E, b.data());
-  close(fd);
-  FILE *m = setmntent("/proc/mounts", "r");
-  if (m) endmntent(m);
-  unlink(path("f").c_str());
-  std::string err = testing::internal::GetCapturedStderr();
+  fs.StartLog();
+  fs.SetFaults("kind=ioctl,name=NONE,errno=EIO");
+  std::string err = vdtest::StderrOf([&] {
+    Buf h = path_to_handle(path("f"));
+    int fd = open(special_path(h).c_str(), O_RDONLY);
+    Buf b(160, 0);
+    ioctl(fd, 0x40E, b.data());
+    close(fd);
+    FILE *m = setmntent("/proc/mounts", "r");
+    if (m) endmntent(m);
+    unlink(path("f").c_str());
+  });
   unsetenv("KXSIM_TRACE");
   EXPECT_EQ(std::string::npos, err.find("recursion")) << err;
   EXPECT_NE(std::string::npos, err.find("dmig 0x7")) << "tracing is on";
 }
 
 TEST_F(InterposerTest, MountTableListsSimulatedMounts) {
-  ASSERT_EQ(0, cli("mkfs '" + root_ + "/with space'").status);
+  ASSERT_FALSE(fs.Mkfs("with space").empty());
   FILE *m = setmntent("/proc/mounts", "r");
   ASSERT_NE(m, nullptr);
   std::vector<std::string> kxfs;
@@ -129,7 +131,7 @@ TEST_F(InterposerTest, MountTableListsSimulatedMounts) {
   }
   endmntent(m);
   EXPECT_GT(real, 0);
-  EXPECT_EQ((std::vector<std::string>{mnt_, root_ + "/with space"}), kxfs);
+  EXPECT_EQ((std::vector<std::string>{fs.mnt(), fs.root() + "/with space"}), kxfs);
 }
 
 TEST_F(InterposerTest, ConcurrentRequestsStayConsistent) {
@@ -140,11 +142,7 @@ TEST_F(InterposerTest, ConcurrentRequestsStayConsistent) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < 50; ++i) {
         int fd = open(special_path(h).c_str(), O_RDONLY);
-        Buf set(160, 0);
-        std::string name = "T" + std::to_string(t);
-        std::memcpy(set.data() + 24, name.data(), name.size());
-        put<std::uint16_t>(set, 14, 1);
-        set[32] = static_cast<unsigned char>(i);
+        Buf set = attr_req(("T" + std::to_string(t)).c_str(), {static_cast<unsigned char>(i)});
         if (fd < 0 || ioctl(fd, 0x40F, set.data()) != 0) ++failures;
         if (fd >= 0) close(fd);
       }
@@ -152,7 +150,7 @@ TEST_F(InterposerTest, ConcurrentRequestsStayConsistent) {
   }
   for (auto &t : threads) t.join();
   EXPECT_EQ(0, failures.load());
-  std::string shown = cli("show " + path("f")).out;
+  std::string shown = fs.Query({"show", path("f")});
   for (int t = 0; t < 4; ++t) {
     EXPECT_NE(std::string::npos, shown.find("attr T" + std::to_string(t) + " 31")) << shown;
   }

@@ -41,11 +41,6 @@ TEST_F(HashTableTest, NameHashArithmetic) {
   EXPECT_EQ(179976611u, vd_name_hash("policy_name_long"));
 }
 
-TEST_F(HashTableTest, Uint64HashFoldsHalves) {
-  const uint64_t key = 0x12345678ABCDEF01ull;
-  EXPECT_EQ(0x12345678u ^ 0xABCDEF01u, uint64_hash(&key));
-}
-
 TEST_F(HashTableTest, CountIsInsertsNotEntries) {
   vd_hash_t *t = Make(vd_hash_create(7));
   ASSERT_NE(nullptr, t);
@@ -95,14 +90,14 @@ TEST_F(HashTableTest, Uint64TableOwnsValues) {
 
 TEST_F(HashTableTest, InlineValuesStartZeroed) {
   vd_hash_t *t = Make(vd_hash_create_uint64_val(3, 40));
-  auto *v = static_cast<unsigned char *>(vd_hash_insert_uint64_val(t, 7));
+  const std::string zeros(40, '\0');
+  auto *v = static_cast<char *>(vd_hash_insert_uint64_val(t, 7));
   ASSERT_NE(nullptr, v);
-  for (int i = 0; i < 40; ++i) EXPECT_EQ(0, v[i]);
+  EXPECT_EQ(zeros, std::string(v, 40));
   std::memset(v, 0xEE, 40);
   EXPECT_EQ(v, vd_hash_search_uint64_val(t, 7));
   EXPECT_EQ(0, vd_hash_delete_uint64_val(t, 7));
-  auto *again = static_cast<unsigned char *>(vd_hash_insert_uint64_val(t, 7));
-  for (int i = 0; i < 40; ++i) EXPECT_EQ(0, again[i]);
+  EXPECT_EQ(zeros, std::string(static_cast<char *>(vd_hash_insert_uint64_val(t, 7)), 40));
   EXPECT_EQ(nullptr, vd_hash_search_uint64_val(t, 8));
 }
 

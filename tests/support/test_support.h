@@ -1,14 +1,15 @@
-// Test support shared by the unit tests: temporary directories, captured
-// standard error, and test code run in a forked child for behaviour that is
-// once per process or ends it.
+// Test support shared by the unit tests: temporary directories, files as
+// strings, captured standard error and call outcomes; child processes come
+// from support/process.h.
 #pragma once
 
 #include <ftw.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include "support/process.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -72,15 +73,7 @@ std::string Outcome(Call &&call) {
 // Outcome of one expression, as in EXPECT_EQ("-1 EIO", OUTCOME(dm_x(...))).
 #define OUTCOME(call) ::vdtest::Outcome([&] { return call; })
 
-struct ChildResult {
-  int status = -1;  // as from waitpid
-  std::string out;
-  std::string err;
-
-  bool exited_with(int code) const { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
-  bool killed_by(int sig) const { return WIFSIGNALED(status) && WTERMSIG(status) == sig; }
-};
-
+// The whole of `f` from its start; closes it.
 inline std::string ReadAll(FILE *f) {
   std::string text;
   std::rewind(f);
@@ -89,28 +82,6 @@ inline std::string ReadAll(FILE *f) {
   while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
   std::fclose(f);
   return text;
-}
-
-// The child runs `body` with its standard output and error captured, and
-// ends with _exit(0) unless the body ends it first.
-inline ChildResult RunInChild(const std::function<void()> &body) {
-  ChildResult result;
-  FILE *out = std::tmpfile();
-  FILE *err = std::tmpfile();
-  if (out == nullptr || err == nullptr) return result;
-  std::fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fileno(out), STDOUT_FILENO);
-    dup2(fileno(err), STDERR_FILENO);
-    body();
-    std::fflush(nullptr);
-    _exit(0);
-  }
-  if (pid > 0) waitpid(pid, &result.status, 0);
-  result.out = ReadAll(out);
-  result.err = ReadAll(err);
-  return result;
 }
 
 }  // namespace vdtest

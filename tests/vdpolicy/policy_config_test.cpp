@@ -1,12 +1,13 @@
-// The compiled-in policies and the life cycle of a PolicyConfig_t.
-#include <cerrno>
+// The compiled-in policies and the life cycle of a PolicyConfig_t: merging,
+// freeing, and running out of memory part way.
 #include <cstring>
 #include <set>
 
 #include "policy_fixture.h"
-#include "vdpolicy/lib/policy_internal.h"
 
 namespace {
+
+using vdtest::PolicyTest;
 
 std::set<int> LocalSlots(const PolicyConfig_t &cfg) {
   std::set<int> slots;
@@ -17,82 +18,40 @@ std::set<int> LocalSlots(const PolicyConfig_t &cfg) {
   return slots;
 }
 
-}  // namespace
-
-TEST(CompiledPolicies, DefaultHoldsTheGlobalDefaults) {
-  const PolicyConfig_t &d = Global_Policy_Config;
-  EXPECT_STREQ("default", d.polcfg_name);
-  EXPECT_EQ(nullptr, d.polcfg_inherit);
-  EXPECT_EQ(16777216, d.polcfg_fencepost_gap);
-  EXPECT_EQ(1073741824, d.polcfg_max_seg_size);
-  EXPECT_EQ(300, d.polcfg_max_seg_age);
-  EXPECT_EQ(60u, d.polcfg_dedup_age);
-  EXPECT_EQ(4096u, d.polcfg_dedup_min_size);
-  EXPECT_EQ(1073741824u, d.polcfg_dedup_seg_size);
-  EXPECT_EQ(8388608u, d.polcfg_dedup_min_round);
-  EXPECT_EQ(268435456u, d.polcfg_dedup_max_round);
-  EXPECT_STREQ("localhost", d.polcfg_dedup_bfst);
-  EXPECT_EQ(31536000u, d.polcfg_trunc_age);
-  EXPECT_EQ(4096u, d.polcfg_rep_inline_size);
-  EXPECT_EQ(1u, d.polcfg_rep_copies);
-  EXPECT_EQ(0x8000u, d.polcfg_flags);
-  EXPECT_EQ(0x100u, d.polcfg_rep_flags);
-  EXPECT_EQ(1, d.polcfg_ref);
-  EXPECT_EQ(VDP_POLCFG_VERSION, d.polcfg_version);
+// The ends of every chain set these slots and no others (slot 60 stays
+// open although the default rep_copies is 1).
+TEST(CompiledPolicies, SetTheirOwnSlotsOnly) {
   EXPECT_EQ((std::set<int>{2,  10, 11, 12, 13, 14, 15, 16, 17, 18, 21, 22,
                            30, 31, 33, 34, 40, 43, 44, 45, 52, 57, 59}),
-            LocalSlots(d));
+            LocalSlots(Global_Policy_Config));
+  EXPECT_EQ((std::set<int>{2, 12, 13, 22, 30, 33, 34}), LocalSlots(Config_Policy_Config));
+  EXPECT_EQ((std::set<int>{2, 50}), LocalSlots(Target_Policy_Config));
 }
 
-TEST(CompiledPolicies, ConfigAndTargetEndTheirChainsAtGlobal) {
-  const PolicyConfig_t &c = Config_Policy_Config;
-  EXPECT_STREQ("config", c.polcfg_name);
-  EXPECT_STREQ("global", c.polcfg_inherit);
-  EXPECT_EQ(-1, c.polcfg_fencepost_gap);
-  EXPECT_EQ(-1, c.polcfg_max_seg_size);
-  EXPECT_EQ(-1, c.polcfg_max_seg_age);
-  EXPECT_EQ(0x8000u, c.polcfg_flags);
-  EXPECT_EQ(0, c.polcfg_ref);
-  EXPECT_EQ((std::set<int>{2, 12, 13, 22, 30, 33, 34}), LocalSlots(c));
-
-  const PolicyConfig_t &t = Target_Policy_Config;
-  EXPECT_STREQ("target", t.polcfg_name);
-  EXPECT_STREQ("global", t.polcfg_inherit);
-  EXPECT_EQ(0x8000u, t.polcfg_flags);
-  EXPECT_EQ(0x40u, t.polcfg_rep_flags);
-  EXPECT_EQ((std::set<int>{2, 50}), LocalSlots(t));
-}
-
-TEST(PolicyOptionsTable, SlotsAndOffsetsAgreeWithTheRecord) {
-  int rows = 0;
-  for (const Option *row = PolicyOptions; row->m_name != nullptr; ++row, ++rows) {
-    EXPECT_GE(row->m_option, 2) << row->m_name;
-    EXPECT_LT(row->m_option, VDP_NUM_SLOTS) << row->m_name;
-    EXPECT_LT(static_cast<size_t>(row->m_field_offset), sizeof(PolicyConfig_t)) << row->m_name;
-    EXPECT_NE(nullptr, row->m_usage) << row->m_name;
-  }
-  EXPECT_EQ(60, rows);
-  EXPECT_STREQ("replication input policy - 'false' = not a target.", PolicyOptions[43].m_usage);
-}
-
-// ---- Copying and freeing records -----------------------------------------
+// ---- Copying and freeing records ------------------------------------------
 
 // A parent fills only what the child left at its default, with owned
-// copies; what the parent had only by default stays open for a later one.
-TEST_F(PolicyParseTest, MergeFillsDefaultSlotsWithOwnedCopies) {
+// copies, and a boolean only its own bit; what the parent had only by
+// default stays open for a later one.
+TEST_F(PolicyTest, MergeFillsDefaultSlotsWithOwnedCopies) {
   ASSERT_EQ("OK", ParseKeyed("name=src,inherit=p,root=r,dedup_skip=*.o,trunc_age=1h,"
-                             "objs_namespace=1M:a|b\n"
+                             "objs_namespace=1M:a|b,dedup,rep_compress,rep_input=off\n"
                              "rep_target=[@daily] target:/a@h:1,ingest_off=@hourly"));
   PolicyConfig_t child;
   init_policy_config(&child);
   child.polcfg_trunc_age = 7;
   child.polcfg_origin[VDP_SLOT_TRUNC_AGE] = VDP_ORIGIN_LOCAL;
+  child.polcfg_flags = VDP_FLAG_NAMED;
+  child.polcfg_rep_flags = VDP_REP_ENCRYPT;
+  child.polcfg_origin[VDP_SLOT_REP_ENCRYPT] = VDP_ORIGIN_LOCAL;
   cfg_.polcfg_mtime = 100;
   merge_policy(&child, &cfg_);
   // Identity is never inherited; the child's own value stays.
   EXPECT_EQ(nullptr, child.polcfg_name);
   EXPECT_EQ(nullptr, child.polcfg_root);
   EXPECT_EQ(7u, child.polcfg_trunc_age);
+  EXPECT_EQ(VDP_FLAG_NAMED | VDP_FLAG_DEDUP, child.polcfg_flags);
+  EXPECT_EQ(VDP_REP_ENCRYPT | VDP_REP_COMPRESS | VDP_REP_INPUT_OFF, child.polcfg_rep_flags);
   EXPECT_EQ(VDP_ORIGIN_INHERITED, child.polcfg_origin[VDP_SLOT_DEDUP_SKIP]);
   EXPECT_EQ(VDP_ORIGIN_DEFAULT, child.polcfg_origin[VDP_SLOT_TRUNC_SKIP]);
   EXPECT_EQ(VDP_ORIGIN_INHERITED, child.polcfg_origin[VDP_SLOT_REP_TARGET]);
@@ -114,7 +73,7 @@ TEST_F(PolicyParseTest, MergeFillsDefaultSlotsWithOwnedCopies) {
   free_policy_config_contents(&child);
 }
 
-TEST_F(PolicyParseTest, FreeingTwiceOrNullIsHarmless) {
+TEST_F(PolicyTest, FreeingTwiceOrNullIsHarmless) {
   ASSERT_EQ("OK", Parse("dedup_bfst=x,rep_target=target:/a@h:1"));
   free_policy_config_contents(&cfg_);
   free_policy_config_contents(&cfg_);
@@ -122,17 +81,9 @@ TEST_F(PolicyParseTest, FreeingTwiceOrNullIsHarmless) {
   EXPECT_EQ(0u, cfg_.polcfg_target_cnt);
 }
 
-// ---- Out of memory: every failed allocation fails cleanly ---------------
+// ---- Out of memory: every failed allocation fails cleanly -----------------
 
-class PolicyOutOfMemoryTest : public PolicyParseTest {
- protected:
-  void TearDown() override {
-    vdpol::alloc_failure_countdown = -1;
-    PolicyParseTest::TearDown();
-  }
-};
-
-TEST_F(PolicyOutOfMemoryTest, EachAllocationOfAParseMayFail) {
+TEST_F(PolicyTest, EachAllocationOfAParseMayFail) {
   // No final line feed: the last line is parsed from a copy.
   const std::string text =
       "name=n,root=r,affinity=a,dedup_skip=x,rep_realize=/x/\n"
@@ -155,7 +106,7 @@ TEST_F(PolicyOutOfMemoryTest, EachAllocationOfAParseMayFail) {
 
 // A merge that runs out of memory stops and leaves a record that frees
 // cleanly (the sanitizer presets check for leaks).
-TEST_F(PolicyOutOfMemoryTest, MergeOutOfMemoryStopsCleanly) {
+TEST_F(PolicyTest, MergeOutOfMemoryStopsCleanly) {
   ASSERT_EQ("OK", Parse("dedup_skip=x,objs_namespace=1M:a|b,rep_target=[@daily] "
                         "target:/a@h:1 target:/b@h:2"));
   for (int n = 0; n < 12; ++n) {
@@ -167,3 +118,5 @@ TEST_F(PolicyOutOfMemoryTest, MergeOutOfMemoryStopsCleanly) {
     free_policy_config_contents(&child);
   }
 }
+
+}  // namespace

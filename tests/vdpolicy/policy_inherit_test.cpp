@@ -1,6 +1,6 @@
 // Inheritance as a loaded summary record shows it: the nearest definition
 // wins, origins say where each value came from, and the derived values.
-#include "policy_store_fixture.h"
+#include "policy_fixture.h"
 
 namespace {
 
@@ -19,8 +19,6 @@ TEST_F(PolicyStoreTest, KeyPolicyFillsFromGlobalFileThenCompiledDefaults) {
   EXPECT_EQ(4096u, r.vdp_dedup_min_size);  // the compiled defaults
   EXPECT_EQ(VDP_ORIGIN_INHERITED, r.vdp_origin[VDP_SLOT_DEDUP_MIN_SIZE]);
   EXPECT_STREQ("localhost", r.vdp_dedup_bfst);
-  EXPECT_EQ(VDOPT_FALSE, r.vdp_cloud_onoff);
-  EXPECT_EQ(0x0001u, r.vdp_version & 0xFFFF);
   // Slots no policy along the chain set stay at their default.
   EXPECT_EQ(VDP_ORIGIN_DEFAULT, r.vdp_origin[VDP_SLOT_TRUNC_SKIP]);
   EXPECT_EQ(VDP_ORIGIN_DEFAULT, r.vdp_origin[VDP_SLOT_REP_COPIES]);
@@ -58,7 +56,7 @@ TEST_F(PolicyStoreTest, TargetsAreInheritedWholeOrNotAtAll) {
   EXPECT_EQ(VDP_ORIGIN_DEFAULT, record->vdp_origin[VDP_SLOT_REP_TARGET]);
 }
 
-TEST_F(PolicyStoreTest, DerivedValuesFollowDedupAndReplication) {
+TEST_F(PolicyStoreTest, LoadDerivesValuesAndCompilesWindows) {
   Write("key_35", "dedup,dedup_min_size=8k,trunc_min_size=4k\n");
   ASSERT_EQ("OK", Load(35));
   EXPECT_EQ(8192u, record->vdp_trunc_min_size);
@@ -70,17 +68,7 @@ TEST_F(PolicyStoreTest, DerivedValuesFollowDedupAndReplication) {
   ASSERT_EQ("OK", Load(36));
   EXPECT_EQ(65536u, record->vdp_trunc_min_size);
   EXPECT_STREQ("/a/b", record->vdp_rep_realize);
-}
-
-// The "config" policy never truncates, whatever its file says.
-TEST_F(PolicyStoreTest, ConfigPolicyHasTruncationOff) {
-  Write("config", "trunc=on,trunc_pri=9\n");
-  ASSERT_EQ("OK", Load(2));
-  EXPECT_EQ(VDOPT_FALSE, record->vdp_trunc_onoff);
-  EXPECT_EQ(9u, record->vdp_trunc_pri);
-}
-
-TEST_F(PolicyStoreTest, BlackoutWindowsMustCompile) {
+  // Blackout windows are compiled when the policy is loaded.
   Write("key_37", "ingest_off=[bogus window]\n");
   Load(37);
   EXPECT_EQ("Bad ingest blackout window\n", LastError());

@@ -3,7 +3,7 @@
 // loop or run too deep, and when the cache reads a file again.
 #include <csignal>
 
-#include "policy_store_fixture.h"
+#include "policy_fixture.h"
 
 namespace {
 
@@ -19,10 +19,13 @@ TEST_F(PolicyStoreTest, ReservedKeysAndKeyZeroLoadNamedPolicies) {
   EXPECT_EQ(11u, record->vdp_dedup_pri);
   ASSERT_EQ("OK", Load(0));  // key 0 without a name is "global" too
   EXPECT_EQ(11u, record->vdp_dedup_pri);
-  // No "config" file: the compiled one (truncation off, its -1 values).
+  // "config" never truncates, whatever its file says, and inherits the
+  // compiled one's -1 values.
+  Write("config", "trunc=on,trunc_pri=9\n");
   ASSERT_EQ("OK", Load(2));
   EXPECT_STREQ("config", record->vdp_name);
   EXPECT_EQ(VDOPT_FALSE, record->vdp_trunc_onoff);
+  EXPECT_EQ(9u, record->vdp_trunc_pri);
   EXPECT_EQ(-1, record->vdp_fencepost_gap);
   ASSERT_EQ("OK", Load(3));
   EXPECT_EQ(33u, record->vdp_rep_pri);
@@ -42,16 +45,13 @@ TEST_F(PolicyStoreTest, KeyNamesFindTheKeyFile) {
   EXPECT_EQ("", LastError());  // no message for a malformed key name
 }
 
-TEST_F(PolicyStoreTest, MissingFilesFailOnlyForKeysFromFour) {
+TEST_F(PolicyStoreTest, MissingOrBlocklessFilesFailOnlyForKeysFromFour) {
   EXPECT_EQ("2: VDPOL: ERROR(2): lookup_policy: key = 7", Load(7));
   EXPECT_EQ("Policy file for key 7 does not exist.\n\n", LastError());
   ASSERT_EQ("OK", Load(1));  // no "global" file: the compiled defaults
   EXPECT_EQ(31536000u, record->vdp_trunc_min_age);
   EXPECT_EQ("2: VDPOL: ERROR(2): lookup_policy: key = 0", Load(0, "nofile"));
-}
-
-// A metadata-only restore leaves policy files with a size and no blocks.
-TEST_F(PolicyStoreTest, BlocklessPolicyFilesAreTruncated) {
+  // A metadata-only restore leaves policy files with a size and no blocks.
   ASSERT_TRUE(fs.MakeFile(".rep_private/config/key_8", 100, false));
   ASSERT_TRUE(fs.MakeFile(".rep_private/config/named", 100, false));
   EXPECT_EQ("2: VDPOL: ERROR(2): lookup_policy: key = 8", Load(8));
@@ -74,10 +74,9 @@ TEST_F(PolicyStoreTest, SyntaxAndValidationFailuresAreLoggedAndLoadNothing) {
       "low watermark\nParams: inherit=NULL root=NULL\n",
       LastError());
   // Nothing half-inserted: neither policy is in the cache.
-  for (Policy_t *p = policy_hash[9]; p != nullptr; p = p->pol_state->polst_next)
-    EXPECT_NE(9u, p->pol_config->polcfg_key);
-  for (Policy_t *p = policy_hash[10]; p != nullptr; p = p->pol_state->polst_next)
-    EXPECT_NE(10u, p->pol_config->polcfg_key);
+  for (uint64_t key : {9u, 10u})
+    for (Policy_t *p = policy_hash[key]; p != nullptr; p = p->pol_state->polst_next)
+      EXPECT_NE(key, p->pol_config->polcfg_key);
 }
 
 // ---- Inheritance chains that cannot end --------------------------------------

@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "policy_store_fixture.h"
+#include "policy_fixture.h"
 
 namespace {
 

@@ -4,16 +4,15 @@
 #include <utility>
 
 #include "policy_fixture.h"
-#include "support/log_capture.h"
 #include "vdpolicy/lib/policy_validate.h"
 
 namespace {
 
-class PolicyValidateTest : public PolicyParseTest {
+class PolicyValidateTest : public vdtest::PolicyTest {
  protected:
   void TearDown() override {
     need_pol_ras_throttle = 0;
-    PolicyParseTest::TearDown();
+    PolicyTest::TearDown();
   }
   // "OK", or the reason line of the report.
   std::string Validate(std::string text) {
@@ -26,7 +25,6 @@ class PolicyValidateTest : public PolicyParseTest {
     size_t at = report.find("Reason: ");
     return at == std::string::npos ? report : report.substr(at + 8, report.find('\n', at) - at - 8);
   }
-  vdtest::LogCapture log_;
 };
 
 TEST_F(PolicyValidateTest, FirstFailingRuleGivesTheReason) {
@@ -63,11 +61,11 @@ TEST_F(PolicyValidateTest, ThrottledRepeatIsReportedToTheCallerOnly) {
   ASSERT_EQ("OBJS must be turned on to configure OBJS-related parameters",
             Validate("name=thr,objs_id=x"));
   ASSERT_EQ(1u, Events().size());
-  ASSERT_EQ(1u, log_.Lines().size());
+  ASSERT_EQ(1u, log.Lines().size());
   EXPECT_EQ("OBJS must be turned on to configure OBJS-related parameters",
             Validate("name=thr,objs_id=x"));
   EXPECT_EQ(1u, Events().size());
-  EXPECT_EQ(1u, log_.Lines().size());
+  EXPECT_EQ(1u, log.Lines().size());
 }
 
 TEST(PolicyRasThrottleTest, OnePerPolicyPerDayOverTheLast128) {

@@ -3,9 +3,7 @@
 // flags, bad targets and every allocation failure.
 #include <set>
 
-#include "policy_store_fixture.h"
-#include "vdpolicy/lib/policy.h"
-#include "vdpolicy/lib/policy_internal.h"
+#include "policy_fixture.h"
 #include "vdpolicy/lib/vdpol_record.h"
 
 namespace {
@@ -49,7 +47,9 @@ TEST_F(PolicyStoreTest, LongPathsAreKeptTo511CharactersAndResolvedWhole) {
   EXPECT_EQ(nullptr, h);
 }
 
-TEST(VdpRecordTest, FreeAcceptsNullAndClearsThePointer) {
+// Free accepts null and clears the caller's pointer; trailing slashes go,
+// inner ones stay.
+TEST(VdpRecordTest, FreeAndSlashStrippingTakeEdgeCases) {
   vdp_free(nullptr);
   Vdp_t *r = nullptr;
   vdp_free(&r);
@@ -57,25 +57,14 @@ TEST(VdpRecordTest, FreeAcceptsNullAndClearsThePointer) {
   EXPECT_EQ(-1, r->vdp_dedup_max_seg_sz);
   vdp_free(&r);
   EXPECT_EQ(nullptr, r);
-}
-
-TEST(VdpRecordTest, TrailingSlashesAreStrippedInnerOnesKept) {
   char a[] = "/a/b//", b[] = "///", c[] = "";
-  vdp_strip_trailing_slash(a);
-  vdp_strip_trailing_slash(b);
-  vdp_strip_trailing_slash(c);
-  vdp_strip_trailing_slash(nullptr);
+  for (char *s : {a, b, c, static_cast<char *>(nullptr)}) vdp_strip_trailing_slash(s);
   EXPECT_STREQ("/a/b", a);
   EXPECT_STREQ("", b);
 }
 
-class RecordFromConfigTest : public ::testing::Test {
+class RecordFromConfigTest : public vdtest::PolicyTest {
  protected:
-  void SetUp() override { init_policy_config(&cfg_); }
-  void TearDown() override {
-    vdpol::alloc_failure_countdown = -1;
-    free_policy_config_contents(&cfg_);
-  }
   std::string Build() {
     char err[256] = "";
     Vdp_t *r = nullptr;
@@ -83,14 +72,7 @@ class RecordFromConfigTest : public ::testing::Test {
     record_.reset(r);
     return rc == 0 ? "OK" : std::to_string(rc) + ": " + err;
   }
-  // Parses text into the configuration (its targets replace any held).
-  void Parse(std::string text) {
-    const char *chain[VDP_MAX_INHERIT_DEPTH + 1] = {};
-    ASSERT_EQ(0, parse_policy_string(1, &cfg_, text.data(), text.size(), 0, 0, chain, nullptr, 0));
-  }
-  PolicyConfig_t cfg_{};
   OwnedVdp record_;
-  vdtest::LogCapture log_;
 };
 
 TEST_F(RecordFromConfigTest, ReplicationInputSetWithoutItsBitsIsInvalid) {
@@ -104,7 +86,8 @@ TEST_F(RecordFromConfigTest, ReplicationInputSetWithoutItsBitsIsInvalid) {
 }
 
 TEST_F(RecordFromConfigTest, TargetsKeepTheirOrderAndAnEmptyOneFails) {
-  Parse("rep_target=target:/a@h:1,rep_target=target:/b@h:2,rep_target=target:/c@h:3");
+  ASSERT_EQ("OK",
+            Parse("rep_target=target:/a@h:1,rep_target=target:/b@h:2,rep_target=target:/c@h:3"));
   ASSERT_EQ("OK", Build());
   std::string order;
   for (vdp_target_t *t = record_->vdp_rep_target_first; t != nullptr; t = t->vdp_target_next)
@@ -113,7 +96,7 @@ TEST_F(RecordFromConfigTest, TargetsKeepTheirOrderAndAnEmptyOneFails) {
   cfg_.polcfg_rep_target[1]->raw_target[0] = '\0';
   EXPECT_EQ("22: ERROR(22) NULL or empty target string", Build());
   EXPECT_EQ("3:_policy_to_vdp: failed 22: ERROR(22) NULL or empty target string\n",
-            log_.Lines().back());
+            log.Lines().back());
 }
 
 // Every allocation of a full record fails once in turn: each failure gives
@@ -123,7 +106,7 @@ TEST_F(RecordFromConfigTest, EveryAllocationFailureGivesTwelveAndNoRecord) {
       "name=n,inherit=i,root=r,ingest_off=@hourly,dedup_skip=d,dedup_bfst=b,"
       "objs_id=o,objs_namespace=s,trunc_skip=t,rep_callout=c,rep_name=m,"
       "rep_relation=l,rep_skip=k,rep_off=@daily,rep_realize=z,rep_target=target:/a@h:1";
-  Parse(text);
+  ASSERT_EQ("OK", Parse(text));
   std::set<std::string> messages;
   for (int n = 0;; ++n) {
     vdpol::alloc_failure_countdown = n;

@@ -50,14 +50,18 @@ class ObjsConfTest : public ::testing::Test {
   void TearDown() override { free_was_config_info(&info_); }
 
   static void Write(const std::string &text) { std::ofstream(g_conf_path) << text; }
+  static std::string Anonymous(std::string msg, const std::string &path) {
+    size_t at = msg.find(path);
+    if (at != std::string::npos) msg.replace(at, path.size(), "@");
+    return msg;
+  }
 
-  // Parses text as objs.conf: "OK <count>" or the error message, with the
-  // prefix naming the file cut to "@" for readability.
-  std::string Parse(const std::string &text) {
-    Write(text);
+  // Parses the file at path: "OK <count>" or the error message, with the
+  // path cut to "@" for readability.
+  std::string ParseFile(const std::string &path) {
     free_was_config_info(&info_);
     char *err = nullptr;
-    int rc = parse_objs_config_file(g_conf_path.c_str(), &info_, &err);
+    int rc = parse_objs_config_file(path.c_str(), &info_, &err);
     if (rc == 0) {
       EXPECT_EQ(nullptr, err);
       return "OK " + std::to_string(info_.config_count);
@@ -65,9 +69,18 @@ class ObjsConfTest : public ::testing::Test {
     EXPECT_EQ(0, info_.config_count);
     std::string msg = err != nullptr ? err : "(null)";
     free(err);
-    size_t at = msg.find(g_conf_path);
-    if (at != std::string::npos) msg.replace(at, g_conf_path.size(), "@");
-    return msg;
+    return Anonymous(msg, path);
+  }
+  std::string Parse(const std::string &text) {
+    Write(text);
+    return ParseFile(g_conf_path);
+  }
+  // verify_was_policy_params: "0" (its message buffer emptied) or the message.
+  static std::string Verify(const char *id, const char *ns) {
+    char msg[4096] = "stale";
+    int rc = verify_was_policy_params(id, ns, msg, sizeof msg);
+    EXPECT_EQ(rc == 0, msg[0] == '\0');
+    return rc == 0 ? "0" : Anonymous(msg, g_conf_path);
   }
   std::string Hosts(int i) const {
     return Join(info_.config[i]->host_ports, info_.config[i]->hosts_cnt);
@@ -77,7 +90,7 @@ class ObjsConfTest : public ::testing::Test {
   }
 
   cla_was_config_info info_{};
-  vdtest::LogCapture log_;
+  vdtest::LogCapture log;
 };
 
 constexpr char kMinimal[] = "objs_id=c1,access_host_ports=h1,namespaces=ns1\n";
@@ -116,7 +129,7 @@ TEST_F(ObjsConfTest, ReadsEveryKeyword) {
   EXPECT_TRUE(c.s3_ss_encryption);
 }
 
-TEST_F(ObjsConfTest, DefaultsOfANewConfiguration) {
+TEST_F(ObjsConfTest, DefaultsOfANewConfigurationAndOfHttps) {
   was_tune_keepalive_idle = 11;
   was_tune_keepalive_intvl = 12;
   ASSERT_EQ("OK 2", Parse(std::string(kMinimal) + "OBJS_ID=c2,access_host_ports=h,namespaces=n\n"));
@@ -128,69 +141,62 @@ TEST_F(ObjsConfTest, DefaultsOfANewConfiguration) {
   EXPECT_EQ(180u, c.was_transfertimeout);
   EXPECT_EQ(11, c.was_keepalive_idle);
   EXPECT_EQ(12, c.was_keepalive_intvl);
-}
-
-TEST_F(ObjsConfTest, MissingFileHasNoConfigurations) {
-  char *err = nullptr;
-  EXPECT_EQ(0, parse_objs_config_file((g_conf_dir + "/none").c_str(), &info_, &err));
-  EXPECT_EQ(0, info_.config_count);
-  EXPECT_EQ(nullptr, err);
-  EXPECT_EQ("OK 0", Parse(""));
-  EXPECT_EQ("OK 0", Parse("# nothing yet\n\n"));
+  // https brings peer-only verification and the installation's certificate
+  // directory, unless the configuration gives its own.
+  ASSERT_EQ("OK 1", Parse(std::string(kMinimal) + "use_https=yes\n"));
+  EXPECT_EQ(CLA_VERIFY_PEERONLY, info_.config[0]->server_auth);
+  EXPECT_EQ(g_conf_dir + "/ssl", info_.config[0]->capath);
+  ASSERT_EQ("OK 1", Parse(std::string(kMinimal) + "server_auth=0,capath=/tmp,use_https\n"));
+  EXPECT_EQ(CLA_VERIFY_NONE, info_.config[0]->server_auth);
+  EXPECT_STREQ("/tmp", info_.config[0]->capath);
+  ASSERT_EQ("OK 1", Parse(std::string(kMinimal) + "use_https=no\n"));
+  EXPECT_EQ(nullptr, info_.config[0]->capath);
 }
 
 TEST_F(ObjsConfTest, UnreadableFile) {
-  char *err = nullptr;
-  EXPECT_EQ(-1, parse_objs_config_file(g_conf_dir.c_str(), &info_, &err));
-  ASSERT_NE(nullptr, err);
-  EXPECT_EQ(
-      "Unable to parse OBJS configuration file(" + g_conf_dir + "): OBJS config file read failed",
-      std::string(err));
-  free(err);
-  std::string fifo = g_conf_dir + "/fifo";
+  EXPECT_EQ("Unable to parse OBJS configuration file(@): OBJS config file read failed",
+            ParseFile(g_conf_dir));
+  const std::string fifo = g_conf_dir + "/fifo";
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-  EXPECT_EQ(-1, parse_objs_config_file(fifo.c_str(), &info_, &err));  // must not block
-  ASSERT_NE(nullptr, err);
-  EXPECT_EQ("Unable to parse OBJS configuration file(" + fifo + "): Cannot open OBJS config file",
-            std::string(err));
-  free(err);
+  EXPECT_EQ("Unable to parse OBJS configuration file(@): Cannot open OBJS config file",
+            ParseFile(fifo));  // must not block
   unlink(fifo.c_str());
   EXPECT_EQ(-1, parse_objs_config_file(g_conf_path.c_str(), &info_, nullptr));
 }
 
-TEST_F(ObjsConfTest, PortRanges) {
-  ASSERT_EQ("OK 1", Parse("objs_id=c,namespaces=n,access_host_ports=h1:8080-8082|h2\n"));
+// Ranges expand to one endpoint per port and span at most 256 ports; empty
+// entries are skipped; the table keeps its first 256 endpoints and drops
+// the rest with a warning.
+TEST_F(ObjsConfTest, EndpointLists) {
+  ASSERT_EQ("OK 1", Parse("objs_id=c,namespaces=n,access_host_ports=h1:8080-8082||h2|\n"));
   EXPECT_EQ("h1:8080|h1:8081|h1:8082|h2", Hosts(0));
-  ASSERT_EQ("OK 1", Parse("objs_id=c,namespaces=n,access_host_ports=h:8000-8256\n"));
-  EXPECT_EQ(CLA_MAX_HOST_PORTS, info_.config[0]->hosts_cnt);  // 257 ports, 256 kept
-  EXPECT_STREQ("h:8255", info_.config[0]->host_ports[255]);
-}
-
-TEST_F(ObjsConfTest, EndpointLimitDropsTheRestWithAWarning) {
-  ASSERT_EQ("OK 1", Parse("objs_id=c,namespaces=n,access_host_ports=a:1-200|b:1-200|c\n"));
-  EXPECT_EQ(CLA_MAX_HOST_PORTS, info_.config[0]->hosts_cnt);
-  EXPECT_STREQ("b:56", info_.config[0]->host_ports[255]);
-  EXPECT_EQ(std::vector<std::string>{"2:Too many host-port pairs specified in OBJS config.\n"},
-            log_.Lines());
-}
-
-TEST_F(ObjsConfTest, SecondHostListIsIgnored) {
+  EXPECT_TRUE(log.Lines().empty());
+  for (auto [hosts, last] : {std::pair{"a:1-256|c", "a:256"}, {"h:8000-8256", "h:8255"}}) {
+    log.Lines().clear();
+    ASSERT_EQ("OK 1", Parse(std::string("objs_id=c,namespaces=n,access_host_ports=") + hosts));
+    EXPECT_EQ(CLA_MAX_HOST_PORTS, info_.config[0]->hosts_cnt) << hosts;
+    EXPECT_STREQ(last, info_.config[0]->host_ports[255]) << hosts;
+    EXPECT_EQ(std::vector<std::string>{"2:Too many host-port pairs specified in OBJS config.\n"},
+              log.Lines());
+  }
+  // A second list in one configuration is ignored.
+  log.Lines().clear();
   ASSERT_EQ("OK 1", Parse("objs_id=c,namespaces=n,access_host_ports=h1\naccess_host_ports=h2\n"));
   EXPECT_EQ("h1", Hosts(0));
-  EXPECT_EQ(std::vector<std::string>{"2:hosts redefined, ignored.\n"}, log_.Lines());
-}
-
-TEST_F(ObjsConfTest, ProviderAndAuthenticationNames) {
-  EXPECT_EQ(CLA_PROVIDER_FENWYK_S3, getProviderByName("FENWYKS3"));
-  EXPECT_EQ(0, getProviderByName(nullptr));
-  EXPECT_EQ(CLA_AUTH_DIGEST_IE, getAuthByName("Digest_IE"));
-  EXPECT_EQ(CLA_AUTH_UNKNOWN, getAuthByName("kerberos"));
+  EXPECT_EQ(std::vector<std::string>{"2:hosts redefined, ignored.\n"}, log.Lines());
 }
 
 // Each row is a file and the message it fails with, after the common
 // "Failed to parse OBJS configuration file(@) at line ".
 TEST_F(ObjsConfTest, ErrorsNameTheLineAndTheCause) {
   const std::string m = kMinimal;
+  std::string sixteen = "objs_id=c,access_host_ports=h,namespaces=n0";
+  for (int i = 1; i < CLA_MAX_BUCKETS; ++i) sixteen += "|n" + std::to_string(i);
+  ASSERT_EQ("OK 1", Parse(sixteen));
+  std::string sixty_four;
+  for (int i = 0; i < CLA_MAX_CONFIGS; ++i)
+    sixty_four += "objs_id=c" + std::to_string(i) + ",access_host_ports=h,namespaces=n\n";
+  ASSERT_EQ("OK 64", Parse(sixty_four));
   const std::pair<std::string, std::string> cases[] = {
       {"objs_id=c,namespaces=n\naccess_host_ports=h1:9000-8000\n",
        "2: incorrect ports specified.\n"},
@@ -206,68 +212,34 @@ TEST_F(ObjsConfTest, ErrorsNameTheLineAndTheCause) {
       {"namespaces=a\n", "1: OBJS ID should be defined first."},
       {m + "max_seg_size=512k\n",
        "2: Parameter 'max_seg_size' (524288) out of range, min 1048576 max 281474976710656\n"},
-      {m + "objs_transfertimeout=3600\n",
-       "2: Parameter 'objs_transfertimeout' (3600) out of range, min 0 max 1800\n"},
-      {"objs_id=c, namespaces=n\n", "1: Unrecognized option: ' namespaces=n'\n"},
       {"objs_id=c,server_auth=3\n", "1: Parameter 'server_auth' (3) out of range, min 0 max 2\n"},
       {m + "cacertfile=/no/such\n", "2: Certificate file /no/such doesn't exist."},
       {m + "capath=/no/dir\n", "2: Path for certificates /no/dir doesn't exist."},
+      {sixteen + "\nnamespaces=x\n", "2: Too many namespaces specified in OBJS config"},
+      {sixty_four + "objs_id=one_more\n",
+       "65: Too many OBJS configurations specified, max 64 allowed."},
   };
   for (const auto &[text, message] : cases) {
     EXPECT_EQ("Failed to parse OBJS configuration file(@) at line " + message, Parse(text)) << text;
   }
 }
 
-TEST_F(ObjsConfTest, ProviderIsVerified) {
-  CLA_PARAM_T cfg;
-  init_obj_store_cfg(&cfg);
-  cfg.provider = CLA_PROVIDER_NONE;
-  const char *msg = nullptr;
-  EXPECT_EQ(1, verify_obj_store_cfg(&cfg, &msg));
-  EXPECT_STREQ("Verification failed: Object Storage Provider.", msg);
-}
-
-TEST_F(ObjsConfTest, NamespaceLimit) {
-  std::string list = "n0";
-  for (int i = 1; i < 16; ++i) list += "|n" + std::to_string(i);
-  ASSERT_EQ("OK 1", Parse("objs_id=c,access_host_ports=h,namespaces=" + list + "\n"));
-  EXPECT_EQ(16, info_.config[0]->buckets_cnt);
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 2: Too many namespaces specified "
-      "in OBJS config",
-      Parse("objs_id=c,access_host_ports=h,namespaces=" + list + "\nnamespaces=x\n"));
-}
-
-TEST_F(ObjsConfTest, HttpsDefaultsAndCertificateChecks) {
-  ASSERT_EQ("OK 1", Parse(std::string(kMinimal) + "use_https=yes\n"));
-  EXPECT_EQ(CLA_VERIFY_PEERONLY, info_.config[0]->server_auth);
-  EXPECT_EQ(g_conf_dir + "/ssl", info_.config[0]->capath);
-  ASSERT_EQ("OK 1", Parse(std::string(kMinimal) + "server_auth=0,capath=/tmp,use_https\n"));
-  EXPECT_EQ(CLA_VERIFY_NONE, info_.config[0]->server_auth);
-  EXPECT_STREQ("/tmp", info_.config[0]->capath);
-  ASSERT_EQ("OK 1", Parse(std::string(kMinimal) + "use_https=no\n"));
-  EXPECT_EQ(nullptr, info_.config[0]->capath);
-}
-
-TEST_F(ObjsConfTest, A65thConfigurationIsRefused) {
-  std::string text;
-  for (int i = 0; i < CLA_MAX_CONFIGS; ++i)
-    text += "objs_id=c" + std::to_string(i) + ",access_host_ports=h,namespaces=n\n";
-  ASSERT_EQ("OK 64", Parse(text));
-  EXPECT_EQ(
-      "Failed to parse OBJS configuration file(@) at line 65: Too many OBJS configurations "
-      "specified, max 64 allowed.",
-      Parse(text + "objs_id=one_more\n"));
-}
-
-TEST_F(ObjsConfTest, HostPortStringAlone) {
+// The calls C callers make directly: names in any case, and the
+// arguments a file cannot give.
+TEST_F(ObjsConfTest, DirectCalls) {
+  EXPECT_EQ(CLA_PROVIDER_FENWYK_S3, getProviderByName("FENWYKS3"));
+  EXPECT_EQ(0, getProviderByName(nullptr));
+  EXPECT_EQ(CLA_AUTH_DIGEST_IE, getAuthByName("Digest_IE"));
+  EXPECT_EQ(CLA_AUTH_UNKNOWN, getAuthByName("kerberos"));
   CLA_PARAM_T *cfg = static_cast<CLA_PARAM_T *>(calloc(1, sizeof(CLA_PARAM_T)));
   init_obj_store_cfg(cfg);
   const char *msg = nullptr;
-  EXPECT_EQ(0, parse_host_port_str("a||b:1-2|", cfg, &msg));
-  EXPECT_EQ("a|b:1|b:2", Join(cfg->host_ports, cfg->hosts_cnt));
+  EXPECT_EQ(0, parse_host_port_str(nullptr, cfg, &msg));
   EXPECT_EQ(-1, parse_host_port_str("c:5-", cfg, &msg));
   EXPECT_STREQ("incorrect ports specified.\n", msg);
+  cfg->provider = CLA_PROVIDER_NONE;
+  EXPECT_EQ(1, verify_obj_store_cfg(cfg, &msg));
+  EXPECT_STREQ("Verification failed: Object Storage Provider.", msg);
   was_config_param_destroy(cfg);
   was_config_param_destroy(nullptr);
 }
@@ -286,20 +258,7 @@ TEST_F(ObjsConfTest, EmptyIdentifierAndNulByteFromFuzzing) {
   EXPECT_EQ(0, verify_was_policy_params("", "n@accesshost_portmse\r", msg, sizeof msg));
 }
 
-class VerifyPolicyParamsTest : public ObjsConfTest {
- protected:
-  std::string Verify(const char *id, const char *ns) {
-    char msg[4096] = "stale";
-    int rc = verify_was_policy_params(id, ns, msg, sizeof msg);
-    std::string out = rc == 0 ? "0" : std::string(msg);
-    EXPECT_EQ(rc == 0, out == "0");
-    size_t at = out.find(g_conf_path);
-    if (at != std::string::npos) out.replace(at, g_conf_path.size(), "@");
-    return out;
-  }
-};
-
-TEST_F(VerifyPolicyParamsTest, FindsTheIdIgnoringCaseAndTheNamespaceExactly) {
+TEST_F(ObjsConfTest, VerifyFindsTheIdIgnoringCaseAndTheNamespaceExactly) {
   Write("objs_id=Cloud,access_host_ports=h,namespaces=Bucket|b2\n");
   EXPECT_EQ("0", Verify("cLOUD", "Bucket"));
   EXPECT_EQ("0", Verify("cloud", "b2"));
@@ -312,7 +271,7 @@ TEST_F(VerifyPolicyParamsTest, FindsTheIdIgnoringCaseAndTheNamespaceExactly) {
   EXPECT_STREQ("couldn'", small);
 }
 
-TEST_F(VerifyPolicyParamsTest, MissingOrBrokenFileAndEditsBetweenCalls) {
+TEST_F(ObjsConfTest, VerifyReadsTheFileAfreshOnEveryCheck) {
   EXPECT_EQ("couldn't find objs_id c1 in @", Verify("c1", "ns1"));
   Write(kMinimal);  // the file is read afresh on every check
   EXPECT_EQ("0", Verify("c1", "ns1"));

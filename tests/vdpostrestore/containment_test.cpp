@@ -1,55 +1,52 @@
 // The walk stays inside the tree even when the tree changes under it:
 // races are made deterministic with the simulator's run= rules, which run a
 // command just before the tool's request is answered.
-#include <gtest/gtest.h>
-
 #include <filesystem>
-#include <string>
 
-#include "tool_harness.h"
+#include "tool_fixture.h"
 
 namespace {
 
-using toolrun::RunResult;
-using toolrun::SimFs;
+using toolrun::CmdResult;
+namespace fsys = std::filesystem;
 
-class PostRestoreContainmentTest : public ::testing::Test {
+class PostRestoreContainmentTest : public toolrun::ToolTest {
  protected:
   void SetUp() override {
-    outside = (fs.root() / "outside").string();
-    toolrun::make_blockless(outside + "/victim", 100);
+    ToolTest::SetUp();
+    outside = fs.root() + "/outside";
+    fs.blockless("../outside/victim", 100);
     fs.blockless("a/sub/inner", 100);
   }
   // A shell command that swaps a/sub for a symbolic link to `target`,
   // parking the real directory outside the mount.
   std::string swap_to(const std::string &target) const {
-    return "mv " + fs.path("a/sub") + " " + (fs.root() / "parked").string() + " && ln -s " +
-           target + " " + fs.path("a/sub");
+    return "mv " + fs.Path("a/sub") + " " + fs.root() + "/parked && ln -s " + target + " " +
+           fs.Path("a/sub");
   }
-  SimFs fs;
   std::string outside;
 };
 
 // The directory is swapped after it was examined and just before its
 // entries are read: the walk goes on in the directory it examined.
 TEST_F(PostRestoreContainmentTest, DirectorySwappedForSymlinkIsNotFollowed) {
-  RunResult r =
+  CmdResult r =
       fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
               "kind=ioctl,code=1038,name=VDEA,path=/a/sub,count=1,run=" + swap_to(outside));
-  ASSERT_TRUE(std::filesystem::is_symlink(fs.path("a/sub"))) << "the race did not happen";
-  EXPECT_TRUE(std::filesystem::exists(outside + "/victim")) << r.out << r.err;
+  ASSERT_TRUE(fsys::is_symlink(fs.Path("a/sub"))) << "the race did not happen";
+  EXPECT_TRUE(fsys::exists(outside + "/victim")) << r.out << r.err;
   EXPECT_EQ(std::string::npos, fs.log().find("victim")) << fs.log();
 }
 
 // Replaced by another directory between its examination and its open: the
 // walk would read the other with this one's policy view, so it stops.
 TEST_F(PostRestoreContainmentTest, DirectoryReplacedBeforeItsOpenEndsTheRun) {
-  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
-                        "kind=open,path=/a/sub,count=1,run=mv " + fs.path("a/sub") + " " +
-                            (fs.root() / "parked").string() + " && mkdir " + fs.path("a/sub"));
-  ASSERT_TRUE(std::filesystem::exists(fs.root() / "parked/inner")) << "the race did not happen";
-  EXPECT_EQ(1, r.status) << r.out;
-  EXPECT_NE(std::string::npos, r.err.find("Directory " + fs.path("a/sub") +
+  CmdResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
+                        "kind=open,path=/a/sub,count=1,run=mv " + fs.Path("a/sub") + " " +
+                            fs.root() + "/parked && mkdir " + fs.Path("a/sub"));
+  ASSERT_TRUE(fsys::exists(fs.root() + "/parked/inner")) << "the race did not happen";
+  EXPECT_EQ(1, r.exit_code) << r.out;
+  EXPECT_NE(std::string::npos, r.err.find("Directory " + fs.Path("a/sub") +
                                           " changed while it was being processed.\n"))
       << r.err;
 }
@@ -59,13 +56,13 @@ TEST_F(PostRestoreContainmentTest, DirectoryReplacedBeforeItsOpenEndsTheRun) {
 TEST_F(PostRestoreContainmentTest, DirectorySwappedWhileResolvedEndsTheRun) {
   fs.relation_point("a/sub");
   fs.blockless("plain/x", 100);
-  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
-                        "kind=dmig,code=7,path=/a/sub,count=1,run=" + swap_to(fs.path("plain")));
-  ASSERT_TRUE(std::filesystem::is_symlink(fs.path("a/sub"))) << "the race did not happen";
-  EXPECT_EQ(1, r.status) << r.out;
-  EXPECT_TRUE(std::filesystem::exists(fs.root() / "parked/inner"))
+  CmdResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
+                        "kind=dmig,code=7,path=/a/sub,count=1,run=" + swap_to(fs.Path("plain")));
+  ASSERT_TRUE(fsys::is_symlink(fs.Path("a/sub"))) << "the race did not happen";
+  EXPECT_EQ(1, r.exit_code) << r.out;
+  EXPECT_TRUE(fsys::exists(fs.root() + "/parked/inner"))
       << "a file under a relation point was removed";
-  EXPECT_TRUE(std::filesystem::exists(outside + "/victim"));
+  EXPECT_TRUE(fsys::exists(outside + "/victim"));
 }
 
 // Another file system mounted inside the simulated one is not the driver's:
@@ -73,16 +70,14 @@ TEST_F(PostRestoreContainmentTest, DirectorySwappedWhileResolvedEndsTheRun) {
 // removed. The tmpfs lives in a private mount namespace (root only;
 // skipped where none can be made).
 TEST_F(PostRestoreContainmentTest, NestedFileSystemIsRefusedAndKept) {
-  const std::string nested = fs.path("nested");
-  std::filesystem::create_directories(nested);
-  toolrun::RunOptions opts;
-  opts.wrapper = toolrun::in_private_mounts(
-      "mount -t tmpfs tmpfs " + nested + " && truncate -s 100 " + nested + "/sparse",
-      "[ -e " + nested + "/sparse ] && echo KEPT");
-  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "", opts);
-  if (toolrun::no_private_mounts(r))
-    GTEST_SKIP() << "no private mount namespace: " << r.err;
-  EXPECT_EQ(1, r.status);
+  const std::string nested = fs.Path("nested");
+  ASSERT_TRUE(fs.MakeDir("nested"));
+  CmdResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "", {},
+                        toolrun::in_private_mounts("mount -t tmpfs tmpfs " + nested +
+                                                       " && truncate -s 100 " + nested + "/sparse",
+                                                   "[ -e " + nested + "/sparse ] && echo KEPT"));
+  if (toolrun::no_private_mounts(r)) GTEST_SKIP() << "no private mount namespace: " << r.err;
+  EXPECT_EQ(1, r.exit_code);
   // Its own attribute request is refused by the other file system as any
   // unknown ioctl; then path to handle ends the run.
   EXPECT_EQ("Failed to get xattr for directory " + nested +

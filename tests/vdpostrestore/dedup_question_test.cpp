@@ -43,15 +43,4 @@ TEST_F(PostRestoreDedupQuestionTest, AnswersAndEndOfInput) {
   }
 }
 
-TEST_F(PostRestoreDedupQuestionTest, AskedOnlyOnce) {
-  EXPECT_EQ(0, answer("n\n"));
-  EXPECT_EQ(0, answer("y\n")) << "a second directory must not ask again";
-}
-
-TEST_F(PostRestoreDedupQuestionTest, NotAskedWithKeepOption) {
-  Preserve_dedup_files = 1;
-  EXPECT_EQ(1, answer("n\n"));
-  EXPECT_EQ(0, Prompt_for_dedup_files);
-}
-
 }  // namespace

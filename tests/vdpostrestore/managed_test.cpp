@@ -2,22 +2,19 @@
 // stripped where no copy is held elsewhere, files kept when their data is in
 // object storage or the blockpool, the operator's question, policies that
 // cannot be loaded, and relation points inside managed directories.
-#include <gtest/gtest.h>
+#include <algorithm>
 
-#include <string>
-#include <vector>
-
-#include "tool_harness.h"
+#include "tool_fixture.h"
 
 namespace {
 
+using toolrun::CmdResult;
 using toolrun::grep;
 using toolrun::log_header;
 using toolrun::RunOptions;
-using toolrun::RunResult;
-using toolrun::SimFs;
+using toolrun::ToolFs;
 
-class PostRestoreManagedTest : public ::testing::Test {
+class PostRestoreManagedTest : public toolrun::ToolTest {
  protected:
   // The log's file lines, in the order written.
   std::string logged(bool removed = false) const {
@@ -28,31 +25,45 @@ class PostRestoreManagedTest : public ::testing::Test {
   }
   // True when `rel` still carries any of the engine's per-file information.
   bool has_policy_info(const std::string &rel) const {
-    const std::string state = fs.query({"show", fs.path(rel)});
+    const std::string state = fs.Query({"show", fs.Path(rel)});
     return state.find("attr BFST") != std::string::npos ||
            state.find("\nrep ") != std::string::npos ||
            state.find("events 0x70000000") != std::string::npos;
   }
-  SimFs fs;
+  bool has_bfst(const std::string &rel) const {
+    return !fs.Query({"attr", "get", fs.Path(rel), "BFST"}).starts_with("ERROR");
+  }
 };
 
-TEST_F(PostRestoreManagedTest, KeyPolicyInformationIsStrippedAndFilesRemoved) {
+// Under a relation point nothing is asked of a file at all.
+TEST_F(PostRestoreManagedTest, KeyPolicyInformationIsStrippedOutsideRelationPoints) {
   fs.policy("key_7", "trunc=on\n");
   fs.keyed_dir("k", 7);
-  fs.kxsim({"events", "set", fs.path("k"), "0x70000000"});
-  fs.blockless("k/hole", 100);
-  fs.policy_info("k/hole");
+  fs.sim({"events", "set", fs.Path("k"), "0x70000000"});
+  for (const char *rel : {"k/hole", "k/rp/f"}) {
+    fs.blockless(rel, 100);
+    fs.policy_info(rel);
+  }
   fs.allocated("k/full");
   fs.policy_info("k/full");
   fs.blockless("k/sub/deep", 10);
-  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()});
-  ASSERT_EQ(0, r.status) << r.err;
+  fs.relation_point("k/rp");
+  fs.blockless("k/rp/sub/g", 100);
+  CmdResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()});
+  ASSERT_EQ(0, r.exit_code) << r.err;
   EXPECT_EQ("", r.err);
-  EXPECT_EQ(fs.path("k/hole") + "\n" + fs.path("k/sub/deep") + "\n", logged(true));
-  EXPECT_FALSE(fs.exists("k/hole"));
+  const std::string files = logged(true);
+  EXPECT_EQ(2u, std::count(files.begin(), files.end(), '\n')) << files;
+  EXPECT_NE(std::string::npos, files.find(fs.Path("k/hole") + "\n"));
+  EXPECT_NE(std::string::npos, files.find(fs.Path("k/sub/deep") + "\n"));
+  EXPECT_FALSE(fs.Exists("k/hole"));
   EXPECT_FALSE(has_policy_info("k/full"));
-  EXPECT_EQ("ERROR", fs.query({"attr", "get", fs.path("k"), "BFST"}));
-  EXPECT_EQ("0x70000000", fs.query({"events", "get", fs.path("k")})) << "directories keep events";
+  EXPECT_FALSE(has_bfst("k"));
+  EXPECT_EQ("0x70000000", fs.Query({"events", "get", fs.Path("k")})) << "directories keep events";
+  EXPECT_TRUE(fs.Exists("k/rp/f"));
+  EXPECT_TRUE(has_policy_info("k/rp/f"));
+  EXPECT_TRUE(fs.LogLinesWith({fs.Path("k/rp/f")}).empty());
+  EXPECT_TRUE(fs.LogLinesWith({fs.Path("k/rp/sub/g")}).empty());
 }
 
 TEST_F(PostRestoreManagedTest, PreserveOptionAndKeyZeroStripNothing) {
@@ -64,14 +75,14 @@ TEST_F(PostRestoreManagedTest, PreserveOptionAndKeyZeroStripNothing) {
     fs.policy_info(rel);
   }
   fs.blockless("g/hole", 100);
-  RunResult r = fs.tool({"-p", "-f", fs.log_path(), fs.mnt()});
-  ASSERT_EQ(0, r.status) << r.err;
+  CmdResult r = fs.tool({"-p", "-f", fs.log_path(), fs.mnt()});
+  ASSERT_EQ(0, r.exit_code) << r.err;
   EXPECT_TRUE(has_policy_info("k/full"));
   r = fs.tool({"-f", fs.log_path(), fs.mnt()});
-  ASSERT_EQ(0, r.status) << r.err;
+  ASSERT_EQ(0, r.exit_code) << r.err;
   EXPECT_TRUE(has_policy_info("g/full"));
-  EXPECT_NE("ERROR", fs.query({"attr", "get", fs.path("g"), "BFST"}));
-  EXPECT_EQ(fs.path("g/hole") + "\n", logged());
+  EXPECT_TRUE(has_bfst("g"));
+  EXPECT_EQ(fs.Path("g/hole") + "\n", logged());
 }
 
 // Under an object-store policy a blockless file goes only when its own
@@ -86,22 +97,22 @@ TEST_F(PostRestoreManagedTest, ObjectStoreFilesAreKeptByTheirFlags) {
   fs.blockless("w/noattr", 100);
   RunOptions opts;
   opts.env["KXFSCONF"] = fs.objs_conf_dir();
-  RunResult r = fs.tool({"-vv", "-f", fs.log_path(), fs.mnt()}, "", opts);
-  ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ("Unable to obtain BFST EA for vdpolicyd managed file " + fs.path("w/noattr") +
+  CmdResult r = fs.tool({"-vv", "-f", fs.log_path(), fs.mnt()}, "", opts);
+  ASSERT_EQ(0, r.exit_code) << r.err;
+  EXPECT_EQ("Unable to obtain BFST EA for vdpolicyd managed file " + fs.Path("w/noattr") +
                 ": No data available\n",
             r.err);
   EXPECT_EQ(1u, grep(r.out, "  Truncated file stored to WAS, Skipping").size());
   EXPECT_EQ(1u, grep(r.out, "  Truncated file under WAS policy, but not stored to WAS.").size());
   const std::string files = logged();
-  EXPECT_NE(std::string::npos, files.find(fs.path("w/plain") + "\n"));
-  EXPECT_NE(std::string::npos, files.find(fs.path("w/noattr") + "\n"));
-  EXPECT_EQ(std::string::npos, files.find(fs.path("w/stored")));
-  EXPECT_NE("ERROR", fs.query({"attr", "get", fs.path("w/stored"), "BFST"}));
+  EXPECT_NE(std::string::npos, files.find(fs.Path("w/plain") + "\n"));
+  EXPECT_NE(std::string::npos, files.find(fs.Path("w/noattr") + "\n"));
+  EXPECT_EQ(std::string::npos, files.find(fs.Path("w/stored")));
+  EXPECT_TRUE(has_bfst("w/stored"));
 }
 
-// The question is asked once however many directories deduplicate; only
-// "y..." and end of input keep the files whose copy is in the blockpool.
+// The question is asked once however many directories deduplicate, and
+// its answer decides for the files whose copy is in the blockpool.
 TEST_F(PostRestoreManagedTest, DedupQuestionDecidesOnceForBlockpoolFiles) {
   const std::string question = "do you wish to keep them (<y>/n)?";
   const struct {
@@ -109,13 +120,9 @@ TEST_F(PostRestoreManagedTest, DedupQuestionDecidesOnceForBlockpoolFiles) {
     const char *answer;
     size_t asked;
     bool keep;
-  } cases[] = {{{}, "", 1, true},
-               {{}, "Yes\n", 1, true},
-               {{"-b"}, "n\n", 0, true},
-               {{}, "\n", 1, false},
-               {{}, "no\n", 1, false}};
+  } cases[] = {{{}, "", 1, true}, {{"-b"}, "n\n", 0, true}, {{}, "no\n", 1, false}};
   for (const auto &c : cases) {
-    SimFs managed;  // a run that does not keep strips the files' "BFST"
+    ToolFs managed;  // a run that does not keep strips the files' "BFST"
     managed.policy("key_9", "dedup=on\n");
     for (const char *dir : {"d1", "d2"}) {
       managed.keyed_dir(dir, 9);
@@ -127,13 +134,13 @@ TEST_F(PostRestoreManagedTest, DedupQuestionDecidesOnceForBlockpoolFiles) {
     args.insert(args.end(), {"-f", managed.log_path(), managed.mnt()});
     RunOptions opts;
     opts.stdin_text = c.answer;
-    RunResult r = managed.tool(args, "", opts);
-    ASSERT_EQ(0, r.status) << r.err;
+    CmdResult r = managed.tool(args, "", opts);
+    ASSERT_EQ(0, r.exit_code) << r.err;
     EXPECT_EQ(c.asked, grep(r.out, question).size()) << "answer '" << c.answer << "'";
     const std::string log = managed.log();
-    EXPECT_EQ(!c.keep, log.find(managed.path("d1/pooled")) != std::string::npos)
+    EXPECT_EQ(!c.keep, log.find(managed.Path("d1/pooled")) != std::string::npos)
         << "answer '" << c.answer << "'";
-    EXPECT_NE(std::string::npos, log.find(managed.path("d2/lost")))
+    EXPECT_NE(std::string::npos, log.find(managed.Path("d2/lost")))
         << "answer '" << c.answer << "'";
   }
 }
@@ -152,21 +159,21 @@ TEST_F(PostRestoreManagedTest, PolicyThatCannotBeLoadedEndsTheRun) {
        "Reason: the high watermark must be greater than the low watermark"},
   };
   for (const auto &c : cases) {
-    SimFs managed;
+    ToolFs managed;
     if (c.text != nullptr && c.text[0] == '\0')
       managed.blockless(".rep_private/config/key_10", 100);
     else if (c.text != nullptr)
       managed.policy("key_10", c.text);
     managed.keyed_dir("k", 10);
     managed.blockless("k/hole", 100);
-    RunResult r = managed.tool({"-r", "-f", managed.log_path(), managed.mnt()});
-    EXPECT_EQ(1, r.status);
+    CmdResult r = managed.tool({"-r", "-f", managed.log_path(), managed.mnt()});
+    EXPECT_EQ(1, r.exit_code);
     EXPECT_NE(std::string::npos, r.err.find(c.reason)) << r.err;
     const std::string last = "Unable to obtain vdpolicy information for directory " +
-                             managed.path("k") + ": VDPOL: ERROR(2): lookup_policy: key = 10\n";
+                             managed.Path("k") + ": VDPOL: ERROR(2): lookup_policy: key = 10\n";
     ASSERT_GE(r.err.size(), last.size());
     EXPECT_EQ(last, r.err.substr(r.err.size() - last.size()));
-    EXPECT_TRUE(managed.exists("k/hole"));
+    EXPECT_TRUE(managed.Exists("k/hole"));
   }
 }
 
@@ -176,35 +183,18 @@ TEST_F(PostRestoreManagedTest, FailedStripRequestsAreReportedAndPassedOver) {
   fs.keyed_dir("k", 7);
   fs.blockless("k/hole", 100);
   fs.policy_info("k/hole");
-  RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt()},
+  CmdResult r = fs.tool({"-f", fs.log_path(), fs.mnt()},
                         "kind=ioctl,code=1058,path=/k/hole,errno=EIO;"
                         "kind=ioctl,code=1062,path=/k/hole,errno=EIO");
-  ASSERT_EQ(0, r.status) << r.err;
+  ASSERT_EQ(0, r.exit_code) << r.err;
   EXPECT_EQ(1u, grep(r.out,
                      "remove_vdpolicy_info: dm_remove_dmattr failed for BFST, errno=5: "
                      "Input/output error")
                     .size());
   EXPECT_EQ(1u, grep(r.out, "remove_vdpolicy_info: Cannot dm_update_eventlist  " +
-                                fs.path("k/hole") + ", errno=5: Input/output error")
+                                fs.Path("k/hole") + ", errno=5: Input/output error")
                     .size());
-  EXPECT_EQ(fs.path("k/hole") + "\n", logged());
-}
-
-// Under a relation point nothing is asked of a file at all.
-TEST_F(PostRestoreManagedTest, RelationPointInsideAManagedDirectoryIsLeftAlone) {
-  fs.policy("key_7", "trunc=on\n");
-  fs.keyed_dir("k", 7);
-  fs.relation_point("k/rp");
-  fs.blockless("k/rp/f", 100);
-  fs.policy_info("k/rp/f");
-  fs.blockless("k/rp/sub/g", 100);
-  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()});
-  ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ("", logged(true));
-  EXPECT_TRUE(fs.exists("k/rp/f"));
-  EXPECT_TRUE(has_policy_info("k/rp/f"));
-  EXPECT_TRUE(grep(fs.request_log(), fs.path("k/rp/f")).empty());
-  EXPECT_TRUE(grep(fs.request_log(), fs.path("k/rp/sub/g")).empty());
+  EXPECT_EQ(fs.Path("k/hole") + "\n", logged());
 }
 
 }  // namespace

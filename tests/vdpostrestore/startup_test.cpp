@@ -2,17 +2,16 @@
 // point and DMAPI session.
 #include <unistd.h>
 
-#include <gtest/gtest.h>
+#include <optional>
 
-#include <string>
-
-#include "tool_harness.h"
+#include "tool_fixture.h"
 
 namespace {
 
+using toolrun::CmdResult;
+using toolrun::log_header;
 using toolrun::RunOptions;
-using toolrun::RunResult;
-using toolrun::SimFs;
+using PostRestoreStartupTest = toolrun::ToolTest;
 
 constexpr char kDefaultLog[] = "/usr/vexo/logs/vdpostrestore.out";
 
@@ -33,132 +32,94 @@ std::string usage_text() {
          "Note: Use -r with caution and only under the direction of technical support.\n\n";
 }
 
-bool ends_with(const std::string &text, const std::string &tail) {
-  return text.size() >= tail.size() &&
-         text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-class PostRestoreStartupTest : public ::testing::Test {
- protected:
-  SimFs fs;
-};
-
-TEST_F(PostRestoreStartupTest, NonRootIsRefusedEvenForHelp) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root to drop to another user";
-  RunOptions opts;
-  opts.as_nobody = true;
-  for (auto args : {std::vector<std::string>{"-h"}, {"-f", fs.log_path(), fs.mnt()}}) {
-    RunResult r = fs.tool(args, "", opts);
-    EXPECT_EQ(1, r.status);
-    EXPECT_EQ("Insufficient administrative privileges.\n", r.err);
-    EXPECT_EQ("", r.out);
+// Every run that ends before the walk: what it prints, and the log it
+// leaves (none at all when nothing may happen before the check).
+TEST_F(PostRestoreStartupTest, RunsThatEndBeforeTheWalk) {
+  fs.blockless("f", 100);
+  fs.allocated("plain");
+  const std::string log = fs.log_path(), mnt = fs.mnt(), missing = fs.root() + "/missing/";
+  const std::string log1023 = missing + std::string(1023 - missing.size(), 'l');
+  const std::string mnt1024 = "/" + std::string(1023, 'm');
+  const std::string no_logfile =
+      std::string("Failed to open logfile ") + kDefaultLog + ": No such file or directory.\n";
+  const std::string refused = "Insufficient administrative privileges.\n";
+  const std::string version =
+      "vdpostrestore " VD_VERSION
+      "\nBuilt for the DMAPI library: KXFS DMAPI (XDSM) API, Release 1.0.\n";
+  const std::string plain = fs.Path("plain"), gone = fs.Path("gone");
+  const std::string long_log = "Log file name is too long (1024 characters, at most 1023): ";
+  const std::string long_mnt = "Mount point is too long (1024 characters, at most 960): ";
+  const std::string no_stat =
+      "Failed to stat mount point " + gone + ": No such file or directory.\n";
+  const std::string no_session = "Failed to init dm session: Function not implemented.\n";
+  const std::string not_dir = plain + " is not a directory.\n",
+                    no_device = "kind=device,errno=ENOENT";
+  auto got = [](const std::string &mount_point) {
+    return "Got mount point " + mount_point + ".\n";
+  };
+  const struct {
+    std::vector<std::string> args;
+    bool as_nobody;
+    int status;
+    std::string err, out = "";
+    std::optional<std::string> log = {};
+    std::string faults = "";
+  } cases[] = {
+      {{"-h"}, true, 1, refused},
+      {{"-f", log, mnt}, true, 1, refused},
+      {{"-h"}, false, 0, usage_text()},
+      // --help and --version answer anyone, on standard output.
+      {{"--help"}, true, 0, "", usage_text()},
+      {{"-r", "--version", mnt}, true, 0, "", version},
+      // The log's name is bounded by the tool's 1024-byte buffer, and an
+      // unopenable one is named by the default path.
+      {{"-f", log1023, mnt}, false, 1, no_logfile, got(mnt)},
+      {{"-f", log1023 + "l", mnt}, false, 1, long_log + log1023 + "l\n"},
+      {{"-f", fs.root() + "/other.log", mnt1024}, false, 1, long_mnt + mnt1024 + "\n"},
+      {{"-f", log, plain}, false, 1, not_dir, got(plain), log_header(plain, false)},
+      {{"-r", "-f", log, gone}, false, 1, no_stat, got(gone), log_header(gone, true)},
+      {{"-f", log, mnt}, false, 1, no_session, got(mnt), log_header(mnt, false), no_device},
+  };
+  for (const auto &c : cases) {
+    std::string name;
+    for (const auto &arg : c.args) name += arg.substr(0, 40) + " ";
+    if (c.as_nobody && geteuid() != 0) continue;  // needs root to drop to another user
+    std::remove(log.c_str());
+    RunOptions opts;
+    opts.as_nobody = c.as_nobody;
+    CmdResult r = fs.tool(c.args, c.faults, opts);
+    EXPECT_EQ(c.status, r.exit_code) << name;
+    EXPECT_EQ(c.out, r.out) << name;
+    EXPECT_EQ(c.err, r.err) << name;
+    EXPECT_EQ(c.log.value_or("<none>"), std::filesystem::exists(log) ? fs.log() : "<none>") << name;
   }
-  EXPECT_FALSE(std::filesystem::exists(fs.log_path())) << "nothing may happen before the check";
-}
-
-TEST_F(PostRestoreStartupTest, HelpAsRootPrintsUsageAndSucceeds) {
-  RunResult r = fs.tool({"-h"});
-  EXPECT_EQ(0, r.status);
-  EXPECT_EQ(usage_text(), r.err);
-  EXPECT_EQ("", r.out);
-}
-
-// --help and --version answer anyone, on standard output, and do nothing else.
-TEST_F(PostRestoreStartupTest, LongHelpAndVersionNeedNoPrivilegesAndSucceed) {
-  RunOptions opts;
-  opts.as_nobody = geteuid() == 0;
-  RunResult r = fs.tool({"--help"}, "", opts);
-  EXPECT_EQ(0, r.status);
-  EXPECT_EQ(usage_text(), r.out);
-  EXPECT_EQ("", r.err);
-  r = fs.tool({"-r", "--version", fs.mnt()}, "", opts);
-  EXPECT_EQ(0, r.status);
-  EXPECT_EQ("vdpostrestore " VD_VERSION
-            "\nBuilt for the DMAPI library: KXFS DMAPI (XDSM) API, Release 1.0.\n",
-            r.out);
-  EXPECT_FALSE(std::filesystem::exists(fs.log_path()));
 }
 
 TEST_F(PostRestoreStartupTest, BadCommandLinesPrintUsageAndFail) {
   const std::vector<std::vector<std::string>> bad = {
       {"-x", fs.mnt()}, {fs.mnt(), "-f"}, {}, {"-v", "-r"}, {""}};
   for (const auto &args : bad) {
-    RunResult r = fs.tool(args);
-    EXPECT_EQ(1, r.status) << ::testing::PrintToString(args);
-    EXPECT_TRUE(ends_with(r.err, usage_text())) << ::testing::PrintToString(args) << r.err;
+    CmdResult r = fs.tool(args);
+    EXPECT_EQ(1, r.exit_code) << testing::PrintToString(args);
+    EXPECT_TRUE(r.err.ends_with(usage_text())) << testing::PrintToString(args) << r.err;
     EXPECT_EQ("", r.out);
   }
 }
 
-TEST_F(PostRestoreStartupTest, UnopenableLogIsNamedByTheDefaultPath) {
-  RunResult r = fs.tool({"-f", (fs.root() / "no/such/dir/log").string(), fs.mnt()});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ(std::string("Failed to open logfile ") + kDefaultLog + ": No such file or directory.\n",
-            r.err);
-}
-
-TEST_F(PostRestoreStartupTest, RegularFileAsMountPointLeavesHeaderOnly) {
-  fs.allocated("plain");
-  RunResult r = fs.tool({"-f", fs.log_path(), fs.path("plain")});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ(fs.path("plain") + " is not a directory.\n", r.err);
-  EXPECT_EQ(toolrun::log_header(fs.path("plain"), false), fs.log());
-}
-
-TEST_F(PostRestoreStartupTest, MissingMountPointLeavesHeaderOnly) {
-  RunResult r = fs.tool({"-r", "-f", fs.log_path(), fs.path("gone")});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ("Failed to stat mount point " + fs.path("gone") + ": No such file or directory.\n",
-            r.err);
-  EXPECT_EQ(toolrun::log_header(fs.path("gone"), true), fs.log());
-}
-
-TEST_F(PostRestoreStartupTest, NoControlDeviceEndsTheRun) {
+// Trailing slashes of the mount point go; options may follow it, and a
+// second argument is ignored.
+TEST_F(PostRestoreStartupTest, CommandLineFormsThatWalk) {
   fs.blockless("f", 100);
-  RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt()}, "kind=device,errno=ENOENT");
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ("Failed to init dm session: Function not implemented.\n", r.err);
-  EXPECT_EQ(toolrun::log_header(fs.mnt(), false), fs.log());
-}
-
-TEST_F(PostRestoreStartupTest, TrailingSlashesAreStripped) {
-  fs.blockless("f", 100);
-  RunResult r = fs.tool({"-f", fs.log_path(), fs.mnt() + "///"});
-  ASSERT_EQ(0, r.status) << r.err;
+  CmdResult r = fs.tool({"-f", fs.log_path(), fs.mnt() + "///"});
+  ASSERT_EQ(0, r.exit_code) << r.err;
   EXPECT_EQ("Got mount point " + fs.mnt() + ".\nProcessing directory " + fs.mnt() +
-                ".\n  Would remove file " + fs.path("f") + ".\n",
+                ".\n  Would remove file " + fs.Path("f") + ".\n",
             r.out);
-  EXPECT_EQ(toolrun::log_header(fs.mnt(), false) + fs.path("f") + "\n", fs.log());
-}
-
-TEST_F(PostRestoreStartupTest, OptionsMayFollowTheMountPoint) {
-  fs.blockless("f", 100);
-  RunResult r = fs.tool({fs.mnt(), "ignored-second-argument", "-f", fs.log_path(), "-r"});
-  ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ(toolrun::log_header(fs.mnt(), true) + fs.path("f") + "\n", fs.log());
-  EXPECT_FALSE(fs.exists("f"));
-}
-
-// Arguments are bounded by the tool's 1024-byte buffers: 1023 characters are
-// taken as they are, longer ones refused with a message that names them.
-TEST_F(PostRestoreStartupTest, OverlongArgumentsAreRefused) {
-  std::string dir = (fs.root() / "missing").string() + "/";
-  std::string log1023 = dir + std::string(1023 - dir.size(), 'l');
-  RunResult r = fs.tool({"-f", log1023, fs.mnt()});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ(std::string("Failed to open logfile ") + kDefaultLog + ": No such file or directory.\n",
-            r.err);
-
-  std::string log1024 = log1023 + "l";
-  r = fs.tool({"-f", log1024, fs.mnt()});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ("Log file name is too long (1024 characters, at most 1023): " + log1024 + "\n", r.err);
-
-  std::string mnt1024 = "/" + std::string(1023, 'm');
-  r = fs.tool({"-f", fs.log_path(), mnt1024});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ("Mount point is too long (1024 characters, at most 960): " + mnt1024 + "\n", r.err);
-  EXPECT_EQ("", r.out);
+  EXPECT_EQ(log_header(fs.mnt(), false) + fs.Path("f") + "\n", fs.log());
+  r = fs.tool({fs.mnt(), "ignored-second-argument", "-f", fs.log_path(), "-r"});
+  ASSERT_EQ(0, r.exit_code) << r.err;
+  EXPECT_EQ(log_header(fs.mnt(), true) + fs.Path("f") + "\n", fs.log());
+  EXPECT_FALSE(fs.Exists("f"));
 }
 
 }  // namespace
