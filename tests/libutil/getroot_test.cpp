@@ -30,19 +30,15 @@ void PrintAll() {
 }
 
 // The table resolves once per process, so every case gets a fresh child.
-class GetRootTest : public ::testing::Test {
- protected:
-  static ChildResult Resolve(std::vector<EnvVar> env,
-                             const std::function<void()> &body = PrintAll) {
-    return RunInChild([&] {
-      for (const char *name : {"KXFSROOT", "KXFSCONF", "KXFSLOGS"}) unsetenv(name);
-      for (const auto &v : env) {
-        if (v.value != nullptr) setenv(v.name, v.value, 1);
-      }
-      body();
-    });
-  }
-};
+ChildResult Resolve(std::vector<EnvVar> env, const std::function<void()> &body = PrintAll) {
+  return RunInChild([&] {
+    for (const char *name : {"KXFSROOT", "KXFSCONF", "KXFSLOGS"}) unsetenv(name);
+    for (const auto &v : env) {
+      if (v.value != nullptr) setenv(v.name, v.value, 1);
+    }
+    body();
+  });
+}
 
 // What PrintAll shows for an installation root, log root and configuration
 // directory.
@@ -53,7 +49,7 @@ std::string Expected(const std::string &root, const std::string &logs, const std
          "/lib\noem=" + conf + "/oem\ninstall=" + root + "/install\nldap=" + logs + "/ldap\n";
 }
 
-TEST_F(GetRootTest, DefaultsAndEachVariableMovesItsSubtree) {
+TEST(GetRootTest, DefaultsAndEachVariableMovesItsSubtree) {
   auto r = Resolve({});
   ASSERT_TRUE(r.exited_with(0)) << r.err;
   EXPECT_EQ(Expected("/usr/kxfs", "/usr/kxfs", "/usr/kxfs/config"), r.out);
@@ -64,7 +60,7 @@ TEST_F(GetRootTest, DefaultsAndEachVariableMovesItsSubtree) {
   EXPECT_EQ(Expected("", "", "/config"), Resolve({{"KXFSROOT", ""}}).out);
 }
 
-TEST_F(GetRootTest, OverlongJoinIsCutAndReported) {
+TEST(GetRootTest, OverlongJoinIsCutAndReported) {
   const std::string root(250, 'r');
   auto r = Resolve({{"KXFSROOT", root.c_str()}, {"KXFSLOGS", "/l"}}, [] {
     std::printf("%s|%s|%s", GetKxfsConfigDir(), GetKxfsBinDir(), GetKxfsHelpDir());
@@ -80,7 +76,7 @@ TEST_F(GetRootTest, OverlongJoinIsCutAndReported) {
             r.err);
 }
 
-TEST_F(GetRootTest, ResolvedOnceLaterEnvironmentIgnored) {
+TEST(GetRootTest, ResolvedOnceLaterEnvironmentIgnored) {
   auto r = Resolve({{"KXFSROOT", "/a"}}, [] {
     const char *first = GetKxfsBinDir();
     setenv("KXFSROOT", "/b", 1);
@@ -92,7 +88,7 @@ TEST_F(GetRootTest, ResolvedOnceLaterEnvironmentIgnored) {
   EXPECT_EQ("/a /a/bin /a/ras 1", r.out);
 }
 
-TEST_F(GetRootTest, ConcurrentFirstUseAgrees) {
+TEST(GetRootTest, ConcurrentFirstUseAgrees) {
   auto r = Resolve({{"KXFSLOGS", "/logs"}}, [] {
     std::vector<const char *> seen(4);
     std::vector<std::thread> threads;

@@ -10,17 +10,13 @@
 
 namespace {
 
-using vdtest::RunInChild;
-
-// The default hooks write to standard error, captured in a child.
-class KxLogTest : public ::testing::Test {
- protected:
-  static std::string Stderr(const std::function<void()> &body) { return RunInChild(body).err; }
-};
-
-TEST_F(KxLogTest, LevelTagsAndSingleNewline) {
-  EXPECT_EQ("INFO: a 1\nNOTICE: b\nWARNING: c\nERROR: d\nLOG7: e\nLOG-1: f\nDEBUG2: t\n",
-            Stderr([] {
+// The default hooks write to standard error, captured in a child; a line of
+// any length is written whole.
+TEST(KxLogTest, LevelTagsAndSingleNewline) {
+  const std::string body(5000, 'z');
+  EXPECT_EQ("INFO: a 1\nNOTICE: b\nWARNING: c\nERROR: d\nLOG7: e\nLOG-1: f\nDEBUG2: t\nERROR: " +
+                body + "\n",
+            vdtest::RunInChild([&] {
               __kxfs_logfn(KXLOG_INFO, "a %d", 1);
               __kxfs_logfn(KXLOG_NOTICE, "b\n");
               __kxfs_logfn(KXLOG_WARNING, "%s", "c");
@@ -28,27 +24,17 @@ TEST_F(KxLogTest, LevelTagsAndSingleNewline) {
               __kxfs_logfn(7, "e");
               __kxfs_logfn(-1, "f");
               __kxfs_debugfn(2, "t");
-            }));
+              __kxfs_logfn(KXLOG_ERROR, "%s", body.c_str());
+            }).err);
 }
 
-TEST_F(KxLogTest, LongLineIsWrittenWhole) {
-  const std::string body(5000, 'z');
-  EXPECT_EQ("ERROR: " + body + "\n",
-            Stderr([&] { __kxfs_logfn(KXLOG_ERROR, "%s", body.c_str()); }));
-}
-
-TEST_F(KxLogTest, ErrnoSurvivesLogging) {
-  EXPECT_EQ("ERROR: x\n", vdtest::StderrOf([] {
+// Logging leaves errno alone. The adapter fits the checked-build log hook and
+// passes its text as text, not as a format.
+TEST(KxLogTest, ErrnoSurvivesAndTheWriteLogAdapterLogsVerbatim) {
+  EXPECT_EQ("ERROR: x\nERROR: ERROR (f:2) 100% sure\n", vdtest::StderrOf([] {
               errno = EXDEV;
               __kxfs_logfn(KXLOG_ERROR, "x");
               EXPECT_EQ(EXDEV, errno);
-            }));
-}
-
-// The adapter fits the checked-build log hook and passes its text as text,
-// not as a format.
-TEST_F(KxLogTest, WriteLogAdapterLogsTheTextVerbatim) {
-  EXPECT_EQ("ERROR: ERROR (f:2) 100% sure\n", vdtest::StderrOf([] {
               WriteLog = kxfs_write_log;
               PanicCheckedWriteLog("ERROR (f:2) 100% sure");
               WriteLog = nullptr;

@@ -44,59 +44,15 @@ class ParseOptionTest : public ::testing::Test {
     if (rc == 2) return std::to_string(rc) + " " + str;
     return std::to_string(rc) + " " + std::to_string(v);
   }
-  std::string One(const char *text) {
-    cur_ = text;
-    return Next();
-  }
-  std::string Rest() const { return cur_; }
 
   const char *cur_ = "";
 };
 
-TEST_F(ParseOptionTest, LinesAndSeparators) {
-  cur_ = ",,dedup_pri=5,size=1k\n\nname=x,#dedup=yes";
-  EXPECT_EQ("20 5", Next());
-  EXPECT_EQ("12 1024", Next());
-  EXPECT_EQ("2 x", Next());
-  EXPECT_EQ("END", Next());
-  EXPECT_EQ("#dedup=yes", Rest());  // the comment is left where it is
-  EXPECT_EQ("END", One(""));
-  EXPECT_EQ("END", One("\n,\n"));
-}
-
-TEST_F(ParseOptionTest, BlanksAndCarriageReturnsAreNotSeparators) {
-  cur_ = "dedup_pri=1, size=2";
-  EXPECT_EQ("20 1", Next());
-  EXPECT_EQ("ERR Unrecognized option: ' size=2'\n", Next());
-  cur_ = "dedup=yes\r\n";
-  EXPECT_EQ("10 1", Next());
-  EXPECT_EQ("ERR Unrecognized option: '\r\n'\n", Next());
-}
-
-TEST_F(ParseOptionTest, KeywordsIgnoreCaseAndAliasesShareTheirNumber) {
-  EXPECT_EQ("20 7", One("DEDUP_Pri=7"));
-  EXPECT_EQ("40 1", One("objs=yes"));
-  EXPECT_EQ("40 0", One("WAS=no"));
-  EXPECT_EQ("ERR Unrecognized option: 'dead=1'\n", One("dead=1"));
-  EXPECT_EQ("ERR Unrecognized option: 'dedup_prio=1'\n", One("dedup_prio=1,x"));
-}
-
-TEST_F(ParseOptionTest, BareKeywords) {
-  cur_ = "dedup,verbose,size";
-  EXPECT_EQ("10 1", Next());
-  EXPECT_EQ("5 1", Next());
-  EXPECT_EQ("ERR Value missing for option 'size'\n", Next());
-  EXPECT_EQ("", Rest());
-  EXPECT_EQ("ERR Unrecognized option: 'verbose=1'\n", One("verbose=1"));
-  EXPECT_EQ("8 77", One("other=zzz"));  // no value read for unknown syntaxes
-  EXPECT_EQ("zzz", Rest());
-}
-
-// One option per row: its text, the outcome and, where it matters, the text
-// left at the cursor.
-struct OneOption {
+// One text per row: the outcomes of reading it option by option and, where it
+// matters, the text left at the cursor.
+struct Reading {
   const char *text;
-  std::string expected;
+  std::vector<std::string> reads;
   const char *rest = nullptr;
 };
 
@@ -106,75 +62,92 @@ std::string BadTime(const char *at, int offset, const char *why, const char *opt
          "): " + why + "\nOption: '" + option + "'\n";
 }
 
-const OneOption kValueCases[] = {
+const Reading kReadings[] = {
+    // Lines and commas separate options; a comment ends the text where it is.
+    {",,dedup_pri=5,size=1k\n\nname=x,#dedup=yes", {"20 5", "12 1024", "2 x", "END"}, "#dedup=yes"},
+    {"\n,\n", {"END"}},
+    // Blanks and carriage returns are not separators.
+    {"dedup_pri=1, size=2", {"20 1", "ERR Unrecognized option: ' size=2'\n"}},
+    {"dedup=yes\r\n", {"10 1", "ERR Unrecognized option: '\r\n'\n"}},
+    // Keywords ignore case, aliases share their number, error rows never match.
+    {"DEDUP_Pri=7", {"20 7"}},
+    {"objs=yes", {"40 1"}},
+    {"WAS=no", {"40 0"}},
+    {"dead=1", {"ERR Unrecognized option: 'dead=1'\n"}},
+    {"dedup_prio=1,x", {"ERR Unrecognized option: 'dedup_prio=1'\n"}},
+    // Bare keywords: booleans and flags are true, anything else lacks its value.
+    {"dedup,verbose,size", {"10 1", "5 1", "ERR Value missing for option 'size'\n"}, ""},
+    {"verbose=1", {"ERR Unrecognized option: 'verbose=1'\n"}},
+    {"other=zzz", {"8 77"}, "zzz"},  // no value read for unknown syntaxes
     // Numbers take any base and a unit.
-    {"size=0x10", "12 16"},
-    {"size=010", "12 8"},
-    {"size=4k", "12 4096"},
-    {"size=3M", "12 3145728"},
-    {"size=2g", "12 2147483648"},
-    {"size=1KB", "12 1024", "B"},
-    {"size=1T,x", "ERR " + kBadUnit + " in 'size=1T'\n"},
-    {"size=", "ERR Unrecognized number () in 'size='\n"},
-    {"size=-1", "ERR Unrecognized number () in 'size=-1'\n"},
+    {"size=010", {"12 8"}},
+    {"size=0xfFk", {"12 261120"}},
+    {"size=4k", {"12 4096"}},
+    {"size=3M", {"12 3145728"}},
+    {"size=2g", {"12 2147483648"}},
+    {"size=1KB", {"12 1024"}, "B"},
+    {"size=1T,x", {"ERR " + kBadUnit + " in 'size=1T'\n"}},
+    {"size=09", {"ERR " + kBadUnit + " in 'size=09'\n"}, "09"},  // octal; cursor kept
+    {"size=0x", {"ERR " + kBadUnit + " in 'size=0x'\n"}},        // no hex digit: "0", bad unit
+    {"size=-1", {"ERR Unrecognized number () in 'size=-1'\n"}},
     // Callers cut their text into lines first: a line feed is no separator here.
-    {"size=4\n", "ERR " + kBadUnit + " in 'size=4\n'\n"},
-    {"dedup_pri=abc=d", "ERR Unrecognized decimal value in 'dedup_pri=abc'\n"},
-    {"dedup_pri=0x10", "20 0", "x10"},  // decimals stop after the digits
+    {"size=4\n", {"ERR " + kBadUnit + " in 'size=4\n'\n"}},
+    {"dedup_pri=abc=d", {"ERR Unrecognized decimal value in 'dedup_pri=abc'\n"}},
+    {"dedup_pri=0x10", {"20 0"}, "x10"},  // decimals stop after the digits
     // Intervals in every form.
-    {"age=90", "13 90"},
-    {"age=1:30", "13 90"},
-    {"age=1m30s", "13 90"},
-    {"age=1:30:00", "13 5400"},
-    {"age=2w", "13 1209600"},
-    {"age=1d 12h,x", "13 129600", ",x"},
-    {"age=1h2h", "13 10800"},
-    {"age=1d12", BadTime("1d12", 4, "incomplete specification", "age=1d12")},
-    {"age=:30", BadTime(":", 1, "unexpected ':'", "age=:30")},
-    {"age=12 3", BadTime("12 3", 4, "unexpected digit(s)", "age=12 3")},
-    {"age=h", BadTime("h", 1, "unexpected w/d/h/m/s specifier", "age=h")},
-    {"age=1x", BadTime("1x", 2, "invalid character", "age=1x")},
-    {"age=", BadTime("", 0, "incomplete specification", "age=")},
+    {"age=90", {"13 90"}},
+    {"age=1:30", {"13 90"}},
+    {"age=1m30s", {"13 90"}},
+    {"age=1:30:00", {"13 5400"}},
+    {"age=2w", {"13 1209600"}},
+    {"age=1d 12h,x", {"13 129600"}, ",x"},
+    {"age=1h2h", {"13 10800"}},
+    {"age=1d12", {BadTime("1d12", 4, "incomplete specification", "age=1d12")}},
+    {"age=:30", {BadTime(":", 1, "unexpected ':'", "age=:30")}},
+    {"age=12 3", {BadTime("12 3", 4, "unexpected digit(s)", "age=12 3")}},
+    {"age=h", {BadTime("h", 1, "unexpected w/d/h/m/s specifier", "age=h")}},
+    {"age=1x", {BadTime("1x", 2, "invalid character", "age=1x")}},
+    {"age=", {BadTime("", 0, "incomplete specification", "age=")}},
     // Booleans are prefixes; "no" is tried before "n".
-    {"dedup=onward", "10 1", "ward"},
-    {"dedup=nope", "10 0", "pe"},
-    {"dedup=OFF", "10 0"},
-    {"dedup=Y", "10 1"},
-    {"dedup=0", "10 0"},
-    {"dedup=True", "10 1"},
-    {"dedup=maybe,x", "ERR Unrecognized boolean value in 'dedup=maybe'\n"},
-    {"dedup=", "ERR Unrecognized boolean value in 'dedup='\n"},
+    {"dedup=onward", {"10 1"}, "ward"},
+    {"dedup=nope", {"10 0"}, "pe"},
+    {"dedup=OFF", {"10 0"}},
+    {"dedup=Y", {"10 1"}},
+    {"dedup=0", {"10 0"}},
+    {"dedup=True", {"10 1"}},
+    {"dedup=maybe,x", {"ERR Unrecognized boolean value in 'dedup=maybe'\n"}},
     // Choices give the group index and are not range checked.
-    {"rep_input=TRUE", "50 0"},
-    {"rep_input=off,x", "50 1", ",x"},
-    {"rep_input=disabled", "50 2"},  // above the row's max of 1
+    {"rep_input=TRUE", {"50 0"}},
+    {"rep_input=off,x", {"50 1"}, ",x"},
+    {"rep_input=disabled", {"50 2"}},  // above the row's max of 1
     {"rep_input=of",
-     "ERR Unknown choice enumerated in option 'rep_input=of'; "
-     "Expected: {on,true|off,false|disabled}\n"},
+     {"ERR Unknown choice enumerated in option 'rep_input=of'; "
+      "Expected: {on,true|off,false|disabled}\n"}},
     // Strings may be quoted and hold at most the buffer less one.
-    {"name=a b,x", "2 a b", ",x"},
-    {"name=\"a,b\"x", "2 a,b", "x"},
-    {"name=", "2 "},
-    {"name=line\nnext", "2 line"},
-    {"name=fifteen chars!!", "2 fifteen chars!!"},
+    {"name=a b,x", {"2 a b"}, ",x"},
+    {"name=\"a,b\"x", {"2 a,b"}, "x"},
+    {"name=", {"2 "}},
+    {"name=line\nnext", {"2 line"}},
+    {"name=fifteen chars!!", {"2 fifteen chars!!"}},
     {"name=sixteen chars!!!",
-     "ERR Parse error in string value (String option too long) 'name=sixteen chars!!!\n"},
-    {"name=\"abc", "ERR Parse error in string value (Unterminated string) 'name=\"abc\n"},
+     {"ERR Parse error in string value (String option too long) 'name=sixteen chars!!!\n"}},
+    {"name=\"abc", {"ERR Parse error in string value (Unterminated string) 'name=\"abc\n"}},
     // Ranges, inclusive; 0 means no bound.
-    {"dedup_pri=0", "20 0"},
-    {"dedup_pri=999", "20 999"},
-    {"dedup_pri=1000", "ERR Parameter 'dedup_pri' (1000) out of range, min 0 max 999\n"},
-    {"limit=512", "ERR Parameter 'limit' (512) out of range, min 1024 max 1048576\n"},
-    {"limit=1m", "6 1048576"},
-    {"win=30s", "ERR Parameter 'win' (30) out of range, min 60 max 3600\n"},
-    {"win=2h", "ERR Parameter 'win' (7200) out of range, min 60 max 3600\n"},
+    {"dedup_pri=0", {"20 0"}},
+    {"dedup_pri=1000", {"ERR Parameter 'dedup_pri' (1000) out of range, min 0 max 999\n"}},
+    {"limit=512", {"ERR Parameter 'limit' (512) out of range, min 1024 max 1048576\n"}},
+    {"limit=1m", {"6 1048576"}},
+    {"win=30s", {"ERR Parameter 'win' (30) out of range, min 60 max 3600\n"}},
+    {"win=2h", {"ERR Parameter 'win' (7200) out of range, min 60 max 3600\n"}},
 };
 
-TEST_F(ParseOptionTest, ValuesOfEverySyntax) {
-  for (const OneOption &c : kValueCases) {
-    EXPECT_EQ(c.expected, One(c.text)) << c.text;
+TEST_F(ParseOptionTest, EveryReading) {
+  for (const Reading &c : kReadings) {
+    SCOPED_TRACE(c.text);
+    cur_ = c.text;
+    for (const std::string &expected : c.reads) EXPECT_EQ(expected, Next());
     if (c.rest != nullptr) {
-      EXPECT_EQ(c.rest, Rest()) << c.text;
+      EXPECT_STREQ(c.rest, cur_);
     }
   }
 }
@@ -189,6 +162,16 @@ TEST_F(ParseOptionTest, MessageBuffersMayBeSmallOrAbsent) {
   EXPECT_STREQ("Unrecog", msg);
   text = "name=x";  // no string buffer: any string is too long
   EXPECT_EQ(PARSE_OPTION_ERROR, parse_option(&text, kTable, &v, nullptr, 0, msg, sizeof msg));
+  // A failed interval zeroes the value and keeps the cursor, with or without
+  // a message buffer.
+  text = "age=5q";
+  v = 9;
+  EXPECT_EQ(PARSE_OPTION_ERROR, parse_option(&text, kTable, &v, nullptr, 0, msg, sizeof msg));
+  EXPECT_EQ(0u, v);
+  EXPECT_STREQ("5q", text);
+  EXPECT_STREQ("Bad tim", msg);
+  text = "age=5q";
+  EXPECT_EQ(PARSE_OPTION_ERROR, parse_option(&text, kTable, &v, nullptr, 0, nullptr, 0));
   // A long interval's message fills a large buffer; it is not cut short.
   const std::string value = std::string(250, ' ') + "x", option = "age=" + value;
   char big[600];
@@ -198,72 +181,28 @@ TEST_F(ParseOptionTest, MessageBuffersMayBeSmallOrAbsent) {
             "ERR " + std::string(big));
 }
 
-TEST(ValueParsers, OctalAndHexEdges) {
-  const char *p = nullptr;
-  uint64_t v = 0;
-  const char *why = nullptr;
-  p = "09";
-  EXPECT_EQ(0, parse_number(&p, &v, &why));
-  EXPECT_STREQ("09", p);
-  p = "0x";  // no hex digit: "0" followed by a bad unit
-  EXPECT_EQ(0, parse_number(&p, &v, &why));
-  p = "0xfFk";
-  ASSERT_EQ(1, parse_number(&p, &v, &why));
-  EXPECT_EQ(255u * 1024, v);
-}
-
-TEST(ValueParsers, IntervalFailureZeroesTheResultAndKeepsTheCursor) {
-  const char *p = "5q";
-  uint64_t v = 9;
-  char msg[8];
-  EXPECT_EQ(0, parse_interval(&p, &v, msg, sizeof msg));
-  EXPECT_EQ(0u, v);
-  EXPECT_STREQ("5q", p);
-  EXPECT_STREQ("Bad tim", msg);
-  EXPECT_EQ(0, parse_interval(&p, &v, nullptr, 0));
-}
-
-TEST(Formatters, NumbersPrintTheLargestExactUnitAndReadBack) {
+// Each text is read and printed back the same: values print in their largest
+// exact unit, in the syntax their parser reads.
+TEST(Formatters, PrintWhatTheParsersRead) {
   char buf[FORMAT_BUF_SIZE];
-  const std::vector<std::pair<uint64_t, std::string>> cases = {
-      {0, "0G"},
-      {1, "1"},
-      {1023, "1023"},
-      {1024, "1K"},
-      {1536, "1536"},
-      {3 << 20, "3M"},
-      {5ull << 30, "5G"},
-      {1ull << 40, "1024G"},
-      {(1ull << 30) + (1 << 20), "1025M"},
-      {UINT64_MAX, "18446744073709551615"},
-  };
-  for (const auto &[value, text] : cases) {
+  for (const char *text :
+       {"0G", "1", "1023", "1K", "1536", "3M", "5G", "1024G", "1025M", "18446744073709551615"}) {
+    const char *p = text, *why = nullptr;
+    uint64_t value = 1;
+    ASSERT_EQ(1, parse_number(&p, &value, &why)) << text;
     format_number(value, buf, sizeof buf);
-    EXPECT_EQ(text, buf);
-    const char *p = buf, *why = nullptr;
-    uint64_t back = 1;
-    ASSERT_EQ(1, parse_number(&p, &back, &why)) << buf;
-    EXPECT_EQ(value, back) << buf;
+    EXPECT_STREQ(text, buf);
+  }
+  for (const char *text :
+       {"0s", "59s", "1m", "1:30", "59:59", "1h", "1d", "25h", "2d", "1:02:03", "25:01:01", "7d"}) {
+    const char *p = text;
+    uint64_t value = 1;
+    ASSERT_EQ(1, parse_interval(&p, &value, nullptr, 0)) << text;
+    format_interval(value, buf, sizeof buf);
+    EXPECT_STREQ(text, buf);
   }
   EXPECT_EQ(2, format_number(1024, buf, 2));  // cut, still terminated
   EXPECT_STREQ("1", buf);
-}
-
-TEST(Formatters, IntervalsReadBack) {
-  char buf[FORMAT_BUF_SIZE];
-  const std::vector<std::pair<uint64_t, std::string>> cases = {
-      {0, "0s"},       {59, "59s"},       {60, "1m"},          {90, "1:30"},
-      {3599, "59:59"}, {3600, "1h"},      {86400, "1d"},       {90000, "25h"},
-      {172800, "2d"},  {3723, "1:02:03"}, {90061, "25:01:01"}, {604800, "7d"},
-  };
-  for (const auto &[value, text] : cases) {
-    format_interval(value, buf, sizeof buf);
-    EXPECT_EQ(text, buf);
-    const char *p = buf;
-    uint64_t back = 1;
-    ASSERT_EQ(1, parse_interval(&p, &back, nullptr, 0)) << buf;
-    EXPECT_EQ(value, back) << buf;
-  }
 }
 
 TEST(Usage, ListsVisibleRowsWithTheirPlaceholders) {
