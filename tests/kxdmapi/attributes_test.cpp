@@ -1,22 +1,10 @@
 // Data-management attributes and dm_stat: refusals that happen before any
 // request, then the requests on files of a simulated mount, by descriptor and
 // by handle, including injected failures.
-#include <errno.h>
-#include <fcntl.h>
-#include <string.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cstdint>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "kxdmapi/kxdmapi.h"
-#include "support/owned_handle.h"
-#include "support/sim_fs.h"
+#include "dm_test.h"
 
 namespace {
 
@@ -24,12 +12,6 @@ std::vector<unsigned char> Pattern(size_t n, unsigned char seed) {
   std::vector<unsigned char> v(n);
   for (size_t i = 0; i < n; ++i) v[i] = static_cast<unsigned char>(seed + i * 7);
   return v;
-}
-
-size_t OpenDescriptorCount() {
-  size_t n = 0;
-  for (int fd = 0; fd < 1024; ++fd) n += fcntl(fd, F_GETFD) != -1;
-  return n;
 }
 
 const dm_attrname_t kBfst = {{'B', 'F', 'S', 'T'}};
@@ -70,54 +52,42 @@ TEST(AttributesOutsideFsTest, HandleFormsRefuseAllButFileHandles) {
 
 // ---- On a simulated mount -------------------------------------------------
 
-class AttributesSimTest : public vdtest::SimFsTest {
+class AttributesSimTest : public dmtest::SimFileTest {
  protected:
   void SetUp() override {
-    SimFsTest::SetUp();
-    ASSERT_TRUE(fs.MakeFile("f", 4096));
-    path_ = fs.Path("f");
+    SimFileTest::SetUp();
     fd_ = open(path_.c_str(), O_RDONLY);
     ASSERT_GE(fd_, 0);
-    ASSERT_EQ("", file_.Resolve(path_));
-    hlen_ = file_.hlen;
   }
   void TearDown() override { close(fd_); }
-  const void *h() const { return file_.hanp; }
   // Stores an n-byte BFST value through the descriptor form.
   void SetBfst(size_t n) {
     const auto value = Pattern(n, 3);
     ASSERT_EQ(0, dm_set_dmattr_fd(fd_, 0, -1, &kBfst, 0, n, value.data()));
   }
   int Get(const dm_attrname_t &name, std::vector<unsigned char> &out, size_t &rlen) {
-    return dm_get_dmattr(0, h(), hlen_, -1, &name, out.size(), out.data(), &rlen);
+    return dm_get_dmattr(0, h(), hlen(), -1, &name, out.size(), out.data(), &rlen);
   }
 
-  std::string path_;
   int fd_ = -1;
-  vdtest::OwnedHandle file_;
-  size_t hlen_ = 0;
 };
 
 TEST_F(AttributesSimTest, BfstSetGetRemoveByDescriptorAndByHandle) {
-  const auto value = Pattern(32, 1);
-  ASSERT_EQ(0, dm_set_dmattr_fd(fd_, 0, -1, &kBfst, 0, 32, value.data()));
-  std::vector<unsigned char> out(32);
-  size_t rlen = 0;
-  ASSERT_EQ(0, Get(kBfst, out, rlen));
-  EXPECT_EQ(32u, rlen);
-  EXPECT_EQ(value, out);
-  ASSERT_EQ(0, dm_remove_dmattr(0, h(), hlen_, -1, 0, &kBfst));
-  EXPECT_EQ("-1 ENODATA", OUTCOME(dm_get_dmattr_fd(fd_, 0, -1, &kBfst, 32, out.data(), &rlen)));
-  EXPECT_EQ("-1 ENODATA", OUTCOME(dm_remove_dmattr_fd(fd_, 0, -1, 0, &kBfst)));
-}
-
-TEST_F(AttributesSimTest, ShortBufferReportsTheNeededLengthAndCopiesNothing) {
   SetBfst(40);
   std::vector<unsigned char> out(32, 0xEE);
   size_t rlen = 0;
+  // A short buffer gets the needed length and nothing copied.
   EXPECT_EQ("-1 E2BIG", OUTCOME(Get(kBfst, out, rlen)));
   EXPECT_EQ(40u, rlen);
   EXPECT_EQ(std::vector<unsigned char>(32, 0xEE), out);
+  const auto value = Pattern(32, 1);
+  ASSERT_EQ(0, dm_set_dmattr_fd(fd_, 0, -1, &kBfst, 0, 32, value.data()));
+  ASSERT_EQ(0, Get(kBfst, out, rlen));
+  EXPECT_EQ(32u, rlen);
+  EXPECT_EQ(value, out);
+  ASSERT_EQ(0, dm_remove_dmattr(0, h(), hlen(), -1, 0, &kBfst));
+  EXPECT_EQ("-1 ENODATA", OUTCOME(dm_get_dmattr_fd(fd_, 0, -1, &kBfst, 32, out.data(), &rlen)));
+  EXPECT_EQ("-1 ENODATA", OUTCOME(dm_remove_dmattr_fd(fd_, 0, -1, 0, &kBfst)));
 }
 
 TEST_F(AttributesSimTest, ZeroLengthAndLargestValues) {
@@ -126,21 +96,12 @@ TEST_F(AttributesSimTest, ZeroLengthAndLargestValues) {
   ASSERT_EQ(0, dm_get_dmattr_fd(fd_, 0, -1, &kVdea, 0, nullptr, &rlen));
   EXPECT_EQ(0u, rlen);
   const auto big = Pattern(DM_ATTR_VALUE_MAX, 77);
-  ASSERT_EQ(0, dm_set_dmattr(0, h(), hlen_, -1, &kVdea, 0, big.size(), big.data()));
+  ASSERT_EQ(0, dm_set_dmattr(0, h(), hlen(), -1, &kVdea, 0, big.size(), big.data()));
   std::vector<unsigned char> out(200, 0);
   ASSERT_EQ(0, Get(kVdea, out, rlen));
   ASSERT_EQ(big.size(), rlen);
   EXPECT_TRUE(std::equal(big.begin(), big.end(), out.begin()));
   EXPECT_EQ(0, out[DM_ATTR_VALUE_MAX]);
-}
-
-TEST_F(AttributesSimTest, FileAttributesByHandleAndByDescriptorAgree) {
-  ASSERT_EQ(0, fs.Kxsim({"events", "set", path_, "0x70001120"}).exit_code);
-  dm_stat_t st{}, by_fd{};
-  ASSERT_EQ(0, dm_get_fileattr(0, h(), hlen_, -1, 0, &st)) << strerror(errno);
-  EXPECT_EQ(0x70001120u, st.dt_emask);
-  ASSERT_EQ(0, dm_get_fileattr_fd(fd_, 0, -1, 0, &by_fd));
-  EXPECT_EQ(0, memcmp(&st, &by_fd, sizeof st));
 }
 
 TEST_F(AttributesSimTest, InjectedIoctlFailureKeepsErrnoAcrossTheClose) {
@@ -153,20 +114,24 @@ TEST_F(AttributesSimTest, InjectedIoctlFailureKeepsErrnoAcrossTheClose) {
   EXPECT_EQ("-1 ENODATA", OUTCOME(Get(kVdea, out, rlen)));  // the rule names BFST only
   fs.SetFaults("kind=ioctl,code=1036,errno=EACCES");
   dm_stat_t st{};
-  EXPECT_EQ("-1 EACCES", OUTCOME(dm_get_fileattr(0, h(), hlen_, -1, 0, &st)));
+  EXPECT_EQ("-1 EACCES", OUTCOME(dm_get_fileattr(0, h(), hlen(), -1, 0, &st)));
 }
 
 TEST_F(AttributesSimTest, UnheldHandleOpensPerCallAndLeavesNothingOpen) {
   SetBfst(32);
+  ASSERT_EQ(0, fs.Kxsim({"events", "set", path_, "0x70001120"}).exit_code);
+  dm_stat_t st{}, by_fd{};
+  ASSERT_EQ(0, dm_get_fileattr(0, h(), hlen(), -1, 0, &st));  // builds the mount cache
+  EXPECT_EQ(0x70001120u, st.dt_emask);
+  ASSERT_EQ(0, dm_get_fileattr_fd(fd_, 0, -1, 0, &by_fd));
+  EXPECT_EQ(0, memcmp(&st, &by_fd, sizeof st)) << "by handle and by descriptor agree";
   std::vector<unsigned char> out(32);
   size_t rlen = 0;
-  dm_stat_t st{};
-  ASSERT_EQ(0, dm_get_fileattr(0, h(), hlen_, -1, 0, &st));  // builds the mount cache
-  const size_t before = OpenDescriptorCount();
+  const size_t before = dmtest::OpenDescriptorCount();
   fs.StartLog();
   ASSERT_EQ(0, Get(kBfst, out, rlen));
   EXPECT_EQ(-1, Get(kVdea, out, rlen));
-  EXPECT_EQ(before, OpenDescriptorCount());
+  EXPECT_EQ(before, dmtest::OpenDescriptorCount());
   EXPECT_EQ(2u, fs.LogLinesWith({"open ", "handle="}).size());
   EXPECT_EQ(1u, fs.LogLinesWith({"ioctl 0x40e ", "name=BFST", "result=0"}).size());
 }

@@ -2,17 +2,9 @@
 // open-per-request mode, and how device failures are reported. Each case
 // needs a fresh process (the session starts once per process), as CTest runs
 // them.
-#include <dirent.h>
-#include <errno.h>
-
-#include <gtest/gtest.h>
-
 #include <cstdlib>
-#include <string>
 
-#include "kxdmapi/kxdmapi.h"
-#include "support/owned_handle.h"
-#include "support/sim_fs.h"
+#include "dm_test.h"
 
 namespace {
 
@@ -20,15 +12,6 @@ int InitErrno() {
   char *version = nullptr;
   errno = 0;
   return dm_init_service(&version) == 0 ? 0 : errno;
-}
-
-int OpenDescriptorCount() {
-  int count = 0;
-  if (DIR *dir = opendir("/proc/self/fd")) {
-    while (readdir(dir) != nullptr) ++count;
-    closedir(dir);
-  }
-  return count;
 }
 
 TEST(ChannelNoDriverTest, MissingDeviceIsENOSYSAndTheFirstFailureIsFinal) {
@@ -89,10 +72,10 @@ TEST_F(ChannelTest, AfterReleaseEachRequestOpensAndClosesTheDevice) {
   EXPECT_GE(kxdmapi_dmfd, 0) << "the first request opens the channel";
   dm_release_dmfd();
   EXPECT_EQ(-1, kxdmapi_dmfd);
-  int before = OpenDescriptorCount();
+  const size_t before = dmtest::OpenDescriptorCount();
   for (int i = 0; i < 3; ++i) ASSERT_EQ("", root.Resolve(fs.mnt()));
   EXPECT_EQ(-1, kxdmapi_dmfd);
-  EXPECT_EQ(before, OpenDescriptorCount()) << "no descriptor may be left behind";
+  EXPECT_EQ(before, dmtest::OpenDescriptorCount()) << "no descriptor may be left behind";
 }
 
 }  // namespace

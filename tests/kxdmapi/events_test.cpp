@@ -1,21 +1,9 @@
 // Event lists and the event message path: the checks that decide whether a
 // request is sent at all, then the requests made on a simulated mount by
 // descriptor, by file handle and through the driver.
-#include <errno.h>
-#include <fcntl.h>
-#include <string.h>
-#include <unistd.h>
-
 #include <array>
-#include <cstdint>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "kxdmapi/kxdmapi.h"
-#include "support/owned_handle.h"
-#include "support/sim_fs.h"
+#include "dm_test.h"
 
 namespace {
 
@@ -67,13 +55,10 @@ TEST(EventsOutsideFsTest, EventFileCallsTakeOnlyTheirTypesAndBoundedData) {
 
 // ---- On a simulated mount -------------------------------------------------
 
-class EventsSimTest : public vdtest::SimFsTest {
+class EventsSimTest : public dmtest::SimFileTest {
  protected:
   void SetUp() override {
-    SimFsTest::SetUp();
-    ASSERT_TRUE(fs.MakeFile("f", 10));
-    path_ = fs.Path("f");
-    ASSERT_EQ("", file_.Resolve(path_));
+    SimFileTest::SetUp();
     ASSERT_EQ(0, dm_path_to_fshandle(path_.c_str(), &fs_.hanp, &fs_.hlen)) << strerror(errno);
   }
   void SetEvents(const std::string &mask) {
@@ -84,8 +69,7 @@ class EventsSimTest : public vdtest::SimFsTest {
     return dm_update_eventlist(0, hanp, hlen, -1, &kNone, &kManaged, 40);
   }
 
-  std::string path_;
-  vdtest::OwnedHandle file_, fs_;
+  vdtest::OwnedHandle fs_;
 };
 
 TEST_F(EventsSimTest, ClearingTheManagedBitsByDescriptorKeepsTheOthers) {

@@ -1,36 +1,14 @@
 // The open-file cache. Table cases need no file system (pipes stand in for
 // descriptors opened by handle); SimFs cases open files of a simulated mount.
-#include <errno.h>
-#include <fcntl.h>
-#include <string.h>
-#include <unistd.h>
-
-#include <array>
-#include <cstdint>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "kxdmapi/kxdmapi.h"
-#include "support/owned_handle.h"
-#include "support/sim_fs.h"
+#include "dm_test.h"
 
 namespace {
 
-using Handle = std::array<unsigned char, 24>;
+using dmtest::Bytes;
+using dmtest::IsOpen;
 
-// fsid (host order), fid length 14 big-endian, zero pad, generation 1, inode.
-Handle MakeFileHandle(uint64_t fsid, uint64_t ino) {
-  Handle h{};
-  memcpy(h.data(), &fsid, 8);
-  h[9] = 14;
-  h[15] = 1;
-  for (int i = 0; i < 8; ++i) h[16 + i] = static_cast<unsigned char>(ino >> (56 - 8 * i));
-  return h;
-}
-
-bool IsOpen(int fd) {
-  return fcntl(fd, F_GETFD) != -1;
+Bytes MakeFileHandle(uint64_t ino) {
+  return dmtest::FileHandle(0x1234, ino);
 }
 
 int NewDescriptor() {
@@ -48,47 +26,30 @@ class FdCacheTest : public ::testing::Test {
   }
   void TearDown() override { dm_fdcache_flush(); }
   // Handles of n distinct inodes, held once each: entry i holds handle i.
-  std::vector<Handle> HoldDistinct(int n) {
-    std::vector<Handle> hs;
+  std::vector<Bytes> HoldDistinct(int n) {
+    std::vector<Bytes> hs;
     for (int i = 0; i < n; ++i) {
-      hs.push_back(MakeFileHandle(0x1234, 100 + static_cast<uint64_t>(i)));
+      hs.push_back(MakeFileHandle(100 + static_cast<uint64_t>(i)));
       EXPECT_EQ(0, dm_obj_ref_hold(0, -1, hs.back().data(), 24));
     }
     return hs;
   }
 };
 
-TEST_F(FdCacheTest, NinthDistinctHoldFailsButRepeatHoldSucceeds) {
+TEST_F(FdCacheTest, NinthDistinctHoldFailsUntilASlotIsFreed) {
   auto hs = HoldDistinct(8);
-  Handle ninth = MakeFileHandle(0x1234, 999);
+  Bytes ninth = MakeFileHandle(999);
   EXPECT_EQ("-1 ENOMEM", OUTCOME(dm_obj_ref_hold(0, -1, ninth.data(), 24)));
   EXPECT_EQ(0, dm_obj_ref_query(0, -1, ninth.data(), 24));
-  EXPECT_EQ(0, dm_obj_ref_hold(0, -1, hs[5].data(), 24));
+  EXPECT_EQ(0, dm_obj_ref_hold(0, -1, hs[5].data(), 24)) << "a repeat hold needs no slot";
   EXPECT_EQ(2u, dm_fd_cache[5].fd_count);
   EXPECT_EQ(1, dm_obj_ref_query(0, -1, hs[5].data(), 24));
   EXPECT_EQ(0, errno);
-}
-
-TEST_F(FdCacheTest, FreedSlotThreeIsTakenByTheNextNewHold) {
-  auto hs = HoldDistinct(8);
+  // The freed slot three is taken by the next new hold.
   ASSERT_EQ(0, dm_obj_ref_rele(0, -1, hs[3].data(), 24));
   EXPECT_EQ(0u, dm_fd_cache[3].fd_handlen);
-  Handle fresh = MakeFileHandle(0x1234, 4242);
-  ASSERT_EQ(0, dm_obj_ref_hold(0, -1, fresh.data(), 24));
-  EXPECT_EQ(0, memcmp(&dm_fd_cache[3].fd_handle, fresh.data(), 24));
-}
-
-TEST_F(FdCacheTest, DescriptorStaysOpenUntilTheLastRelease) {
-  Handle h = MakeFileHandle(0x1234, 7);
-  ASSERT_EQ(0, dm_obj_ref_hold(0, -1, h.data(), 24));
-  ASSERT_EQ(0, dm_obj_ref_hold(0, -1, h.data(), 24));
-  const int fd = NewDescriptor();
-  dm_fdcache_update_fd(h.data(), 24, fd);
-  ASSERT_EQ(0, dm_obj_ref_rele(0, -1, h.data(), 24));
-  EXPECT_TRUE(IsOpen(fd));
-  ASSERT_EQ(0, dm_obj_ref_rele(0, -1, h.data(), 24));
-  EXPECT_FALSE(IsOpen(fd));
-  EXPECT_EQ("-1 ENOENT", OUTCOME(dm_obj_ref_rele(0, -1, h.data(), 24)));
+  ASSERT_EQ(0, dm_obj_ref_hold(0, -1, ninth.data(), 24));
+  EXPECT_EQ(0, memcmp(&dm_fd_cache[3].fd_handle, ninth.data(), 24));
 }
 
 TEST_F(FdCacheTest, ReleasingTheGlobalHandleClosesEverything) {
@@ -106,13 +67,13 @@ TEST_F(FdCacheTest, ReleasingTheGlobalHandleClosesEverything) {
 }
 
 TEST_F(FdCacheTest, BadHandlesAreRefusedWithoutTouchingTheTable) {
-  Handle bad = MakeFileHandle(0, 7);  // fsid 0
+  Bytes bad = dmtest::FileHandle(0, 7);  // fsid 0
   for (auto call : {dm_obj_ref_hold, dm_obj_ref_rele, dm_obj_ref_query}) {
     EXPECT_EQ("-1 EBADF", OUTCOME(call(0, -1, bad.data(), 24)));
   }
   EXPECT_EQ(-1, dm_obj_ref_hold(0, -1, DM_GLOBAL_HANP, DM_GLOBAL_HLEN));
   EXPECT_EQ(-1, dm_open_by_handle(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, 0));
-  std::array<unsigned char, 80> big{};
+  Bytes big(80);
   EXPECT_EQ(0, dm_fdcache_handle_hold(big.data(), big.size()));  // would overflow
   EXPECT_EQ(0, dm_fdcache_handle_hold(nullptr, 24));
   for (const dm_fd_entry_t &e : dm_fd_cache) EXPECT_EQ(0u, e.fd_handlen);
@@ -121,7 +82,7 @@ TEST_F(FdCacheTest, BadHandlesAreRefusedWithoutTouchingTheTable) {
 }
 
 TEST_F(FdCacheTest, CloseKeepsTheHeldDescriptorAndClosesAnyOther) {
-  Handle h = MakeFileHandle(0x1234, 10);
+  Bytes h = MakeFileHandle(10);
   ASSERT_EQ(0, dm_obj_ref_hold(0, -1, h.data(), 24));
   const int cached = NewDescriptor();
   dm_fdcache_update_fd(h.data(), 24, cached);
@@ -139,62 +100,56 @@ TEST_F(FdCacheTest, CloseKeepsTheHeldDescriptorAndClosesAnyOther) {
   ASSERT_EQ(1, dm_fdcache_search(h.data(), 24, &found));
   EXPECT_EQ(-1, found);
 
-  Handle unheld = MakeFileHandle(0x1234, 11);
   const int plain = NewDescriptor();
-  dm_close_by_handle(unheld.data(), 24, plain);
+  dm_close_by_handle(MakeFileHandle(11).data(), 24, plain);  // not held
   EXPECT_FALSE(IsOpen(plain));
 }
 
 // ---- Opening files of a simulated mount by handle ------------------------
 
-class FdCacheSimTest : public vdtest::SimFsTest {
+class FdCacheSimTest : public dmtest::SimFileTest {
  protected:
   void SetUp() override {
-    SimFsTest::SetUp();
+    SimFileTest::SetUp();
     dm_fdcache_flush();
-    ASSERT_TRUE(fs.MakeFile("f", 100));
-    ASSERT_EQ("", file_.Resolve(fs.Path("f")));
-    hlen_ = file_.hlen;
   }
   void TearDown() override { dm_fdcache_flush(); }
-  const void *h() const { return file_.hanp; }
-  vdtest::OwnedHandle file_;
-  size_t hlen_ = 0;
 };
 
 TEST_F(FdCacheSimTest, UnheldOpenWithFlagsZeroIsNonBlockingReadOnly) {
-  const int fd = dm_open_by_handle(h(), hlen_, 0);
+  const int fd = dm_open_by_handle(h(), hlen(), 0);
   ASSERT_GE(fd, 0) << strerror(errno);
   EXPECT_EQ(O_RDONLY | O_NONBLOCK, fcntl(fd, F_GETFL) & (O_ACCMODE | O_NONBLOCK));
-  const int second = dm_open_by_handle(h(), hlen_, O_RDWR);
+  const int second = dm_open_by_handle(h(), hlen(), O_RDWR);
   EXPECT_EQ(O_RDWR, fcntl(second, F_GETFL) & O_ACCMODE);
-  dm_close_by_handle(h(), hlen_, fd);
-  dm_close_by_handle(h(), hlen_, second);
+  dm_close_by_handle(h(), hlen(), fd);
+  dm_close_by_handle(h(), hlen(), second);
   EXPECT_FALSE(IsOpen(fd));
   EXPECT_FALSE(IsOpen(second));
 }
 
-TEST_F(FdCacheSimTest, HeldHandleIsOpenedOnceUntilReleased) {
-  ASSERT_EQ(0, dm_obj_ref_hold(0, -1, h(), hlen_));
-  fs.StartLog();
-  const int fd = dm_open_by_handle(h(), hlen_, 0);
-  ASSERT_GE(fd, 0);
-  dm_close_by_handle(h(), hlen_, fd);
-  EXPECT_EQ(fd, dm_open_by_handle(h(), hlen_, 0));
-  dm_close_by_handle(h(), hlen_, fd);
-  EXPECT_EQ(1u, fs.LogLinesWith({"open ", "handle="}).size());
-  EXPECT_TRUE(IsOpen(fd));
-  ASSERT_EQ(0, dm_obj_ref_rele(0, -1, h(), hlen_));
-  EXPECT_FALSE(IsOpen(fd));
-}
-
-TEST_F(FdCacheSimTest, FailedOpenOfAHeldHandleCachesNothing) {
-  ASSERT_EQ(0, dm_obj_ref_hold(0, -1, h(), hlen_));
+TEST_F(FdCacheSimTest, HeldHandleIsOpenedOnceUntilTheLastRelease) {
+  ASSERT_EQ(0, dm_obj_ref_hold(0, -1, h(), hlen()));
+  ASSERT_EQ(0, dm_obj_ref_hold(0, -1, h(), hlen()));
+  // A failed open caches nothing.
   fs.SetFaults("kind=open,path=/mnt/f,errno=EACCES");
-  EXPECT_EQ("-1 EACCES", OUTCOME(dm_open_by_handle(h(), hlen_, 0)));
+  EXPECT_EQ("-1 EACCES", OUTCOME(dm_open_by_handle(h(), hlen(), 0)));
   int cached = 0;
-  ASSERT_EQ(1, dm_fdcache_search(h(), hlen_, &cached));
+  ASSERT_EQ(1, dm_fdcache_search(h(), hlen(), &cached));
   EXPECT_EQ(-1, cached);
+  fs.ClearFaults();
+  fs.StartLog();
+  const int fd = dm_open_by_handle(h(), hlen(), 0);
+  ASSERT_GE(fd, 0);
+  dm_close_by_handle(h(), hlen(), fd);
+  EXPECT_EQ(fd, dm_open_by_handle(h(), hlen(), 0));
+  dm_close_by_handle(h(), hlen(), fd);
+  EXPECT_EQ(1u, fs.LogLinesWith({"open ", "handle="}).size());
+  ASSERT_EQ(0, dm_obj_ref_rele(0, -1, h(), hlen()));
+  EXPECT_TRUE(IsOpen(fd)) << "one hold is left";
+  ASSERT_EQ(0, dm_obj_ref_rele(0, -1, h(), hlen()));
+  EXPECT_FALSE(IsOpen(fd));
+  EXPECT_EQ("-1 ENOENT", OUTCOME(dm_obj_ref_rele(0, -1, h(), hlen())));
 }
 
 }  // namespace

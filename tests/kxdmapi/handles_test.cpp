@@ -1,40 +1,18 @@
 // Handles: the wire format, classification, conversions, order, hash and hex text.
-#include <errno.h>
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "kxdmapi/kxdmapi.h"
-#include "support/test_support.h"
+#include "dm_test.h"
 
 extern "C" int kxdmapi_c_header_check(void);
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using dmtest::Bytes;
+using dmtest::FileHandle;
 
 std::string Hex(const void *p, size_t n) {
   std::string text(2 * n + 1, '\0');
   dm_binary_to_hex(p, n, text.data());
   text.resize(2 * n);
   return text;
-}
-
-// A hand-built handle of any length: fsid, fid length, pad, generation, inode.
-Bytes FileHandle(uint64_t fsid, uint64_t ino, uint32_t gen, size_t len = 24) {
-  Bytes h(len < 24 ? 24 : len, 0);
-  std::memcpy(h.data(), &fsid, 8);
-  h[8] = static_cast<unsigned char>((len - 10) >> 8);
-  h[9] = static_cast<unsigned char>(len - 10);
-  for (int i = 0; i < 4; ++i) h[12 + i] = static_cast<unsigned char>(gen >> (24 - 8 * i));
-  for (int i = 0; i < 8; ++i) h[16 + i] = static_cast<unsigned char>(ino >> (56 - 8 * i));
-  h.resize(len);
-  return h;
 }
 
 int Crack(const Bytes &h, size_t len) {

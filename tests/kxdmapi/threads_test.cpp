@@ -1,24 +1,15 @@
 // Several threads resolve paths and use the mount cache while it is being
 // rebuilt, and read attributes through the open-file cache; run under
 // ThreadSanitizer to check the locking.
-#include <errno.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "kxdmapi/kxdmapi.h"
+#include "dm_test.h"
 #include "kxdmapi/kxdmapi_private.h"
-#include "support/owned_handle.h"
-#include "support/sim_fs.h"
 
 namespace {
 
@@ -81,8 +72,10 @@ TEST_F(ThreadsTest, ResolveWhileTheMountTableChanges) {
   std::vector<std::thread> workers;
   for (int w = 0; w < kWorkers; ++w) {
     workers.emplace_back([this, w] {
+      // Half the workers start a session, the others' first request opens
+      // the channel: both race the changer's first build for it.
       char *version = nullptr;
-      if (dm_init_service(&version) != 0) Fail("init_service");
+      if (w % 2 == 0 && dm_init_service(&version) != 0) Fail("init_service");
       for (int round = 0; round < kRounds; ++round) {
         ResolveRoundTrip(w, round);
         if (round % 8 == 0) ReportAndCheck();
@@ -93,6 +86,7 @@ TEST_F(ThreadsTest, ResolveWhileTheMountTableChanges) {
   stop = true;
   changer.join();
   EXPECT_EQ(0, failures_.load()) << first_failure_;
+  EXPECT_GE(kxdmapi_dmfd, 0);
   EXPECT_NE(0, kxdmapi_debug_flags);
   EXPECT_FALSE(vdtest::ReadFile(fs.root() + "/debug/dmapi.log").empty());
 }
@@ -132,20 +126,6 @@ TEST_F(ThreadsTest, AttributeReadsOnAHeldHandleShareOneDescriptor) {
   ASSERT_GE(cached, 0);
   EXPECT_EQ(0, dm_obj_ref_rele(0, -1, handle.hanp, handle.hlen));
   EXPECT_EQ(-1, fcntl(cached, F_GETFD)) << "the last release closes the cached descriptor";
-}
-
-// Concurrent first uses of the channel open one kept descriptor.
-TEST_F(ThreadsTest, ConcurrentFirstRequestsShareOneChannel) {
-  std::vector<std::thread> workers;
-  for (int w = 0; w < kWorkers; ++w) {
-    workers.emplace_back([this] {
-      vdtest::OwnedHandle root;
-      if (!root.Resolve(fs.mnt()).empty()) Fail("resolve");
-    });
-  }
-  for (auto &worker : workers) worker.join();
-  EXPECT_EQ(0, failures_.load()) << first_failure_;
-  EXPECT_GE(kxdmapi_dmfd, 0);
 }
 
 }  // namespace

@@ -1,22 +1,14 @@
 // Call tracing: the trace file's line format, indentation, the switch that
 // turns itself off when the file is missing, errno preservation, and the
 // lines that operations write.
-#include <errno.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <regex>
-#include <string>
 
-#include "kxdmapi/kxdmapi.h"
+#include "dm_test.h"
 #include "libutil/getroot.h"
-#include "support/sim_fs.h"
 
 namespace {
 
@@ -73,7 +65,7 @@ class TraceTest : public ::testing::Test {
   std::string log_;
 };
 
-TEST_F(TraceTest, MissingFileTurnsTracingOffSilently) {
+TEST_F(TraceTest, MissingOrUnopenableFileTurnsTracingOff) {
   errno = EXDEV;
   kxdmapi_debug("first %d\n", 1);
   EXPECT_EQ(EXDEV, errno);
@@ -83,20 +75,33 @@ TEST_F(TraceTest, MissingFileTurnsTracingOffSilently) {
   CreateLog();
   kxdmapi_debug("second\n");
   EXPECT_TRUE(Lines().empty());
+  // A file that cannot be opened for writing (EISDIR) counts as missing.
+  ASSERT_EQ(0, unlink(log_.c_str()));
+  ASSERT_EQ(0, mkdir(log_.c_str(), 0755));
+  kxdmapi_debug_flags = 1;
+  KXDMAPI_TRACE_ENTER("lost\n");
+  EXPECT_EQ(0, kxdmapi_debug_flags);
+  EXPECT_EQ(0, kxdmapi_call_depth) << "no indentation left behind";
+  rmdir(log_.c_str());
 }
 
-TEST_F(TraceTest, LinesCarryTimeTagPidAndMessage) {
+TEST_F(TraceTest, LinesCarryTimeTagPidAndMessageAndOutliveAStaleDescriptor) {
   CreateLog();
   errno = EXDEV;
   kxdmapi_debug("hello %s/%d\n", "world", 42);
   EXPECT_EQ(EXDEV, errno);
   EXPECT_EQ(std::string(TraceEnvironment::root_ + "/debug/dmapi.log"), kxdmapi_debug_file);
+  ASSERT_GE(kxdmapi_debug_fd, 0);
+  close(kxdmapi_debug_fd);  // the descriptor goes stale behind the tracer's back
+  kxdmapi_debug("two\n");
+  EXPECT_EQ(EXDEV, errno);
   auto lines = Lines();
-  ASSERT_EQ(1u, lines.size());
+  ASSERT_EQ(2u, lines.size());
   std::regex format(
       "[01][0-9][0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{6}: KxDmapiDebug\\(pid " +
       std::to_string(getpid()) + "\\): hello world/42");
   EXPECT_TRUE(std::regex_match(lines[0], format)) << lines[0];
+  EXPECT_EQ("two", Messages()[1]);
 }
 
 TEST_F(TraceTest, DepthIndentsNestedLinesAndNegativeDepthIsReset) {
@@ -114,38 +119,26 @@ TEST_F(TraceTest, DepthIndentsNestedLinesAndNegativeDepthIsReset) {
   EXPECT_EQ(expected, Messages());
 }
 
-TEST_F(TraceTest, OperationsTraceTheirDocumentedLines) {
+// Key lines of the handle and open-file cache calls: what was compared,
+// found, held (slot and count) and closed.
+TEST_F(TraceTest, OperationsTraceWhatTheyDid) {
   CreateLog();
   errno = 0;
-  unsigned char h[24] = {1};
-  dm_handle_cmp(h, 24, h, 8);
-  dm_handle_cmp(h, 24, h, 24);
+  const dmtest::Bytes a = dmtest::FileHandle(1, 1), b = dmtest::FileHandle(1, 2);
+  dm_handle_cmp(a.data(), 24, a.data(), 8);
+  dm_handle_cmp(a.data(), 24, a.data(), 24);
   dm_ino_t ino = 0;
   dm_handle_to_ino(DM_GLOBAL_HANP, DM_GLOBAL_HLEN, &ino);
   dm_handle_hash(DM_GLOBAL_HANP, DM_GLOBAL_HLEN);
-  std::vector<std::string> expected{"dm_handle_cmp",          "dm_handle_cmp: != length, result/16",
-                                    "dm_handle_cmp",          "dm_handle_cmp: EQUAL!, errno/0",
-                                    "dm_handle_to_ino: NOT!", "dm_handle_hash",
-                                    "dm_handle_is_global"};
-  EXPECT_EQ(expected, Messages());
-}
-
-// The open-file cache's lines name the slot, count and descriptor acted on.
-TEST_F(TraceTest, FdCacheLinesNameTheSlotCountAndDescriptor) {
-  CreateLog();
-  unsigned char a[24] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 14, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1};
-  unsigned char b[24], c[24];
-  std::memcpy(b, a, sizeof a);
-  std::memcpy(c, a, sizeof a);
-  b[23] = 2;
-  c[23] = 3;
-  for (const unsigned char *h : {a, b, a}) ASSERT_EQ(0, dm_obj_ref_hold(0, -1, h, 24));
-  ASSERT_EQ(0, dm_obj_ref_rele(0, -1, a, 24));
-  ASSERT_EQ(-1, dm_obj_ref_rele(0, -1, c, 24));
+  for (const dmtest::Bytes *h : {&a, &b, &a}) ASSERT_EQ(0, dm_obj_ref_hold(0, -1, h->data(), 24));
+  ASSERT_EQ(0, dm_obj_ref_rele(0, -1, a.data(), 24));
+  ASSERT_EQ(-1, dm_obj_ref_rele(0, -1, dmtest::FileHandle(1, 3).data(), 24));
   ASSERT_EQ(0, dm_obj_ref_rele(0, -1, DM_GLOBAL_HANP, DM_GLOBAL_HLEN));
   const std::vector<std::string> messages = Messages();
   for (const char *line :
-       {"dm_fdcache_handle_hold: slot 1 cnt 1", "dm_fdcache_handle_hold: slot 0 cnt 2",
+       {"dm_handle_cmp: != length, result/16", "dm_handle_cmp: EQUAL!, errno/0",
+        "dm_handle_to_ino: NOT!", "dm_handle_hash", "dm_handle_is_global",
+        "dm_fdcache_handle_hold: slot 1 cnt 1", "dm_fdcache_handle_hold: slot 0 cnt 2",
         "dm_fdcache_handle_rele: slot 0 cnt 1 fd -1", "dm_obj_ref_rele: !Found",
         "dm_fdcache_flush: -1", "dm_fdcache_flush: done"}) {
     EXPECT_NE(messages.end(), std::find(messages.begin(), messages.end(), line)) << line;
@@ -159,14 +152,15 @@ TEST_F(TraceTest, CallsTraceOnlyTheirOwnLines) {
   vdtest::SimFs fs;
   ASSERT_EQ("", fs.error());
   ASSERT_TRUE(fs.MakeFile("f", 10));
-  void *file = nullptr, *fsh = nullptr;
-  size_t flen = 0, fslen = 0;
-  ASSERT_EQ(0, dm_path_to_handle(fs.Path("f").c_str(), &file, &flen));
+  vdtest::OwnedHandle file;
+  ASSERT_EQ("", file.Resolve(fs.Path("f")));
+  void *fsh = nullptr;
+  size_t fslen = 0;
   dm_stat_t st{};
-  ASSERT_EQ(0, dm_get_fileattr(0, file, flen, -1, 0, &st));  // builds the mount cache
+  ASSERT_EQ(0, dm_get_fileattr(0, file.hanp, file.hlen, -1, 0, &st));  // builds the mount cache
   CreateLog();
   kxdmapi_debug_flags = 1;
-  ASSERT_EQ(0, dm_handle_to_fshandle(file, flen, &fsh, &fslen));
+  ASSERT_EQ(0, dm_handle_to_fshandle(file.hanp, file.hlen, &fsh, &fslen));
   dm_handle_free(fsh, fslen);
   ASSERT_EQ(0, dm_path_to_fshandle(fs.mnt().c_str(), &fsh, &fslen));
   const std::string second = Ptr(fsh);
@@ -178,7 +172,7 @@ TEST_F(TraceTest, CallsTraceOnlyTheirOwnLines) {
   EXPECT_EQ("dm_handle_free hp/" + second, messages[3]);
   // dm_get_fileattr opens by handle without the attribute calls' check.
   CreateLog();  // truncated; the tracer appends
-  ASSERT_EQ(0, dm_get_fileattr(0, file, flen, -1, 0, &st));
+  ASSERT_EQ(0, dm_get_fileattr(0, file.hanp, file.hlen, -1, 0, &st));
   messages = Messages();
   ASSERT_FALSE(messages.empty());
   EXPECT_EQ("dm_get_fileattr", messages.front());
@@ -187,35 +181,13 @@ TEST_F(TraceTest, CallsTraceOnlyTheirOwnLines) {
   // dm_handle_to_path opens the mount point before it makes the root handle.
   CreateLog();
   fs.SetFaults("kind=open,path=" + fs.mnt() + ",errno=EACCES");
-  char path[DM_PATH_BUFSIZE];
-  size_t needed = 0;
-  EXPECT_EQ(-1, dm_handle_to_path(nullptr, 0, file, flen, sizeof path, path, &needed));
+  EXPECT_EQ("ERROR " + std::string(strerror(EACCES)), file.Path());
   fs.ClearFaults();
   messages = Messages();
   ASSERT_GE(messages.size(), 2u);
   EXPECT_EQ("dm_handle_to_path: open mntpath<" + fs.mnt() + ">", messages[messages.size() - 2]);
   EXPECT_EQ("dm_handle_to_path: failed,  errno/13", messages.back());
   for (const std::string &m : messages) EXPECT_NE("dm_make_handle", m);
-  dm_handle_free(file, flen);
-}
-
-TEST_F(TraceTest, StaleDescriptorIsReopened) {
-  CreateLog();
-  kxdmapi_debug("one\n");
-  ASSERT_GE(kxdmapi_debug_fd, 0);
-  close(kxdmapi_debug_fd);  // the descriptor goes stale behind the tracer's back
-  errno = EXDEV;
-  kxdmapi_debug("two\n");
-  EXPECT_EQ(EXDEV, errno);
-  EXPECT_EQ((std::vector<std::string>{"one", "two"}), Messages());
-}
-
-TEST_F(TraceTest, UnopenableFileTurnsTracingOff) {
-  ASSERT_EQ(0, mkdir(log_.c_str(), 0755));  // open(O_WRONLY) fails with EISDIR
-  KXDMAPI_TRACE_ENTER("lost\n");
-  EXPECT_EQ(0, kxdmapi_debug_flags);
-  EXPECT_EQ(0, kxdmapi_call_depth) << "no indentation left behind";
-  rmdir(log_.c_str());
 }
 
 TEST_F(TraceTest, OverlongMessageIsCutButStaysOneLine) {
