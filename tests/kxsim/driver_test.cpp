@@ -11,16 +11,10 @@ using ControlDeviceTest = SimTest;
 
 // A fake must fail loudly on misuse rather than answer what a driver would not.
 TEST_F(ControlDeviceTest, MalformedFramesAndOtherRequestsAreRefused) {
-  Buf b(256, 0);
-  errno = 0;
-  EXPECT_EQ(-1, dmig(1, b, 5));
-  EXPECT_EQ(EINVAL, errno);
-  Buf shorter(1111, 0);  // path to handle wants 1112
-  EXPECT_EQ(-1, dmig(7, shorter));
-  EXPECT_EQ(EINVAL, errno);
-  Buf any(16, 0);
-  EXPECT_EQ(-1, dmig(99, any));
-  EXPECT_EQ(EINVAL, errno);
+  Buf b(256, 0), shorter(1111, 0);  // path to handle wants 1112
+  EXPECT_EQ(EINVAL, dmig(1, b, 5));
+  EXPECT_EQ(EINVAL, dmig(7, shorter));
+  EXPECT_EQ(EINVAL, dmig(99, b));
   EXPECT_EQ(0, isatty(ctl()));
   EXPECT_EQ(ENOTTY, errno);
 }
@@ -31,9 +25,8 @@ TEST_F(ControlDeviceTest, EveryTableCodeHasAnAnswer) {
                                                {37, 24}, {38, 1256}, {39, 1040}};
   for (auto [func, size] : codes) {
     Buf b(size, 0);
-    errno = 0;
-    int r = dmig(func, b);
-    EXPECT_TRUE(r == 0 || errno == ENOSYS) << "code " << func << " errno " << errno;
+    const int err = dmig(func, b);
+    EXPECT_TRUE(err == 0 || err == ENOSYS) << "code " << func << " errno " << err;
   }
 }
 
@@ -58,14 +51,7 @@ TEST_F(ControlDeviceTest, ClosedDescriptorIsForgotten) {
   close_ctl();
   int other = open("/dev/null", O_RDWR);  // likely the same number
   Buf b(256, 0);
-  Buf frame(24, 0);
-  put<std::int32_t>(frame, 0, 1);
-  put<std::int16_t>(frame, 4, 6);
-  put<std::uint32_t>(frame, 8, 256);
-  put<std::uint64_t>(frame, 16, reinterpret_cast<std::uintptr_t>(b.data()));
-  errno = 0;
-  EXPECT_EQ(-1, ioctl(other, 0xc018e571, frame.data()));
-  EXPECT_EQ(ENOTTY, errno) << "descriptor " << fd << " reused as " << other;
+  EXPECT_EQ(ENOTTY, dmig(1, b, 6, other)) << "descriptor " << fd << " reused as " << other;
   close(other);
 }
 
@@ -90,21 +76,15 @@ TEST_F(HandlesTest, FileHandleLayout) {
 }
 
 TEST_F(HandlesTest, PathErrors) {
-  errno = 0;
-  EXPECT_TRUE(path_to_handle(path("missing")).empty());
-  EXPECT_EQ(ENOENT, errno);
-  EXPECT_TRUE(path_to_handle(fs.root()).empty());  // exists, but not kxfs
-  EXPECT_EQ(EINVAL, errno);
-  EXPECT_TRUE(path_to_handle("").empty());
-  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(ENOENT, resolve_errno(path("missing")));
+  EXPECT_EQ(EINVAL, resolve_errno(fs.root()));  // exists, but not kxfs
+  EXPECT_EQ(ENOENT, resolve_errno(""));
   Buf b(1112, 0);
   put<std::uint32_t>(b, 80, 1025);
-  EXPECT_EQ(-1, dmig(7, b));
-  EXPECT_EQ(ENAMETOOLONG, errno);
+  EXPECT_EQ(ENAMETOOLONG, dmig(7, b));
   put<std::uint32_t>(b, 80, 3);  // length and NUL disagree
   std::memcpy(b.data() + 84, "abcdef", 7);
-  EXPECT_EQ(-1, dmig(7, b));
-  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(EINVAL, dmig(7, b));
 }
 
 // The driver's lookup is the kernel's: the flags choose whether a last
@@ -123,11 +103,8 @@ TEST_F(HandlesTest, PathIsLookedUpAsTheKernelDoes) {
   EXPECT_NE(f, link);
   EXPECT_EQ("ln", handle_to_path(link));
   EXPECT_EQ(f, path_to_handle(path("s/../f")));
-  errno = 0;
-  EXPECT_TRUE(path_to_handle(path("missing/../d/f")).empty());
-  EXPECT_EQ(ENOENT, errno);
-  EXPECT_TRUE(path_to_handle(path("d/f/")).empty());
-  EXPECT_EQ(ENOTDIR, errno);
+  EXPECT_EQ(ENOENT, resolve_errno(path("missing/../d/f")));
+  EXPECT_EQ(ENOTDIR, resolve_errno(path("d/f/")));
   char cwd[PATH_MAX];
   ASSERT_NE(nullptr, getcwd(cwd, sizeof cwd));
   ASSERT_EQ(0, chdir(path("d").c_str()));
@@ -181,11 +158,8 @@ TEST_F(HandlesTest, OpenBySpecialPath) {
   EXPECT_STREQ("data", buf);
   close(fd);
   h[18] ^= 0x40;  // an inode far beyond any the file system has
-  errno = 0;
-  EXPECT_EQ(-1, open(special_path(h).c_str(), O_RDONLY));
-  EXPECT_EQ(ENOENT, errno);
-  EXPECT_EQ(-1, open((fs.mnt() + "/__KXFS_Handle.XYZ").c_str(), O_RDONLY));
-  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(ENOENT, open_errno(special_path(h)));
+  EXPECT_EQ(EINVAL, open_errno(fs.mnt() + "/__KXFS_Handle.XYZ"));
 }
 
 }  // namespace

@@ -24,13 +24,9 @@ TEST_F(InterposerTest, RequestsOutsideMountsBehaveAsWithoutTheDriver) {
   const std::string outside = fs.root() + "/outside";
   std::ofstream(outside) << "x";
   Buf b(160, 0);
-  int err = 0;
-  EXPECT_EQ(-1, file_ioctl(outside, 0x40E, b, &err));
-  EXPECT_EQ(ENOTTY, err);
+  EXPECT_EQ(ENOTTY, file_ioctl(outside, 0x40E, b));
   fs.SetFaults("kind=open,errno=EIO,path=nothing-matches");
-  int fd = open(outside.c_str(), O_RDONLY);
-  EXPECT_GE(fd, 0);
-  close(fd);
+  EXPECT_EQ(0, open_errno(outside));
 }
 
 TEST_F(InterposerTest, InertWithoutConfiguration) {
@@ -38,14 +34,9 @@ TEST_F(InterposerTest, InertWithoutConfiguration) {
   close_ctl();
   unsetenv("KXSIM_CONFIG");
   Buf b(160, 0);
-  int err = 0;
-  EXPECT_EQ(-1, file_ioctl(path("f"), 0x40E, b, &err));
-  EXPECT_EQ(ENOTTY, err);
-  errno = 0;
-  EXPECT_EQ(-1, open(special_path(h).c_str(), O_RDONLY));
-  EXPECT_EQ(ENOENT, errno);
-  EXPECT_EQ(-1, open("/dev/kxfsctl0", O_RDWR));
-  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(ENOTTY, file_ioctl(path("f"), 0x40E, b));
+  EXPECT_EQ(ENOENT, open_errno(special_path(h)));
+  EXPECT_EQ(ENOENT, open_errno("/dev/kxfsctl0", O_RDWR));
   FILE *m = setmntent("/proc/mounts", "r");
   ASSERT_NE(m, nullptr);
   while (mntent *e = getmntent(m)) EXPECT_STRNE("kxfs", e->mnt_type);
@@ -58,9 +49,7 @@ TEST_F(InterposerTest, InertWithoutConfiguration) {
 TEST_F(InterposerTest, EveryWayOfChangingTheEnvironmentIsNoticed) {
   auto answer = [&] {
     Buf b(160, 0);  // no attribute name: EINVAL when simulated
-    int err = 0;
-    file_ioctl(path("f"), 0x40E, b, &err);
-    return err;
+    return file_ioctl(path("f"), 0x40E, b);
   };
   ASSERT_EQ(EINVAL, answer());
   static char off[] = "KXSIM_CONFIG=";

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -58,14 +59,22 @@ inline Buf attr_req(const char *name, const Buf &value = {}, std::uint32_t bufle
   return b;
 }
 
-// Runs a request on a descriptor of path; the ioctl result, errno in err.
-inline int file_ioctl(const std::string &path, unsigned long req, Buf &b, int *err = nullptr) {
+// Runs a request on a descriptor of path: 0, the request's errno, or -1
+// when path does not open.
+inline int file_ioctl(const std::string &path, unsigned long req, Buf &b) {
   int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK);
-  if (fd < 0) return -100;
-  int r = ioctl(fd, req, b.data());
-  if (err) *err = r < 0 ? errno : 0;
+  if (fd < 0) return -1;
+  int err = ioctl(fd, req, b.data()) == 0 ? 0 : errno;
   close(fd);
-  return r;
+  return err;
+}
+
+// The errno of opening path, 0 when it opened (and was closed again).
+inline int open_errno(const std::string &path, int flags = O_RDONLY) {
+  int fd = open(path.c_str(), flags);
+  if (fd < 0) return errno;
+  close(fd);
+  return 0;
 }
 
 class SimTest : public ::testing::Test {
@@ -79,6 +88,13 @@ class SimTest : public ::testing::Test {
     CmdResult r = fs.Kxsim(args);
     ASSERT_EQ(0, r.exit_code) << r.err;
   }
+  // `kxsim` with the blank-separated words of `args`.
+  CmdResult kxsim(const std::string &args) const {
+    std::vector<std::string> argv;
+    std::istringstream words(args);
+    for (std::string word; words >> word;) argv.push_back(word);
+    return fs.Kxsim(argv);
+  }
 
   int ctl() {
     if (ctl_ < 0) ctl_ = open("/dev/kxfsctl0", O_RDWR | O_CLOEXEC);
@@ -89,14 +105,15 @@ class SimTest : public ::testing::Test {
     ctl_ = -1;
   }
 
-  // One Dmig frame: func 0, version 4, error 6, bufsize 8, buf 16.
-  int dmig(std::int32_t func, Buf &payload, std::int16_t version = 6) {
+  // One Dmig frame (func 0, version 4, error 6, bufsize 8, buf 16) on the
+  // channel or on `fd`: 0, or the request's errno.
+  int dmig(std::int32_t func, Buf &payload, std::int16_t version = 6, int fd = -1) {
     Buf frame(24, 0);
     put<std::int32_t>(frame, 0, func);
     put<std::int16_t>(frame, 4, version);
     put<std::uint32_t>(frame, 8, static_cast<std::uint32_t>(payload.size()));
     put<std::uint64_t>(frame, 16, reinterpret_cast<std::uintptr_t>(payload.data()));
-    return ioctl(ctl(), 0xc018e571, frame.data());
+    return ioctl(fd < 0 ? ctl() : fd, 0xc018e571, frame.data()) == 0 ? 0 : errno;
   }
 
   // Request 7; the handle's bytes, or empty with errno set.
@@ -108,14 +125,18 @@ class SimTest : public ::testing::Test {
     if (dmig(7, b) != 0) return {};
     return Buf(b.begin(), b.begin() + (b[8] << 8 | b[9]) + 10);
   }
+  // Request 7's errno, 0 when it succeeded.
+  int resolve_errno(const std::string &p, std::uint32_t flags = 1) {
+    errno = 0;
+    return path_to_handle(p, flags).empty() ? errno : 0;
+  }
 
   // Request 0x419 on the mount point: the relative path, or "!<errno>".
   std::string handle_to_path(const Buf &h) {
     Buf b(1168, 0);
     std::memcpy(b.data() + 72, h.data(), h.size());
     put<std::uint64_t>(b, 136, h.size());
-    int err = 0;
-    if (file_ioctl(fs.mnt(), 0x419, b, &err) != 0) return errno_text(err);
+    if (int err = file_ioctl(fs.mnt(), 0x419, b)) return errno_text(err);
     return reinterpret_cast<const char *>(b.data() + 144);
   }
 
