@@ -31,8 +31,7 @@ class PostRestoreContainmentTest : public toolrun::ToolTest {
 // entries are read: the walk goes on in the directory it examined.
 TEST_F(PostRestoreContainmentTest, DirectorySwappedForSymlinkIsNotFollowed) {
   CmdResult r =
-      fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
-              "kind=ioctl,code=1038,name=VDEA,path=/a/sub,count=1,run=" + swap_to(outside));
+      fs.run({"-r"}, "kind=ioctl,code=1038,name=VDEA,path=/a/sub,count=1,run=" + swap_to(outside));
   ASSERT_TRUE(fsys::is_symlink(fs.Path("a/sub"))) << "the race did not happen";
   EXPECT_TRUE(fsys::exists(outside + "/victim")) << r.out << r.err;
   EXPECT_EQ(std::string::npos, fs.log().find("victim")) << fs.log();
@@ -41,9 +40,8 @@ TEST_F(PostRestoreContainmentTest, DirectorySwappedForSymlinkIsNotFollowed) {
 // Replaced by another directory between its examination and its open: the
 // walk would read the other with this one's policy view, so it stops.
 TEST_F(PostRestoreContainmentTest, DirectoryReplacedBeforeItsOpenEndsTheRun) {
-  CmdResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
-                        "kind=open,path=/a/sub,count=1,run=mv " + fs.Path("a/sub") + " " +
-                            fs.root() + "/parked && mkdir " + fs.Path("a/sub"));
+  CmdResult r = fs.run({"-r"}, "kind=open,path=/a/sub,count=1,run=mv " + fs.Path("a/sub") + " " +
+                                   fs.root() + "/parked && mkdir " + fs.Path("a/sub"));
   ASSERT_TRUE(fsys::exists(fs.root() + "/parked/inner")) << "the race did not happen";
   EXPECT_EQ(1, r.exit_code) << r.out;
   EXPECT_NE(std::string::npos, r.err.find("Directory " + fs.Path("a/sub") +
@@ -56,8 +54,8 @@ TEST_F(PostRestoreContainmentTest, DirectoryReplacedBeforeItsOpenEndsTheRun) {
 TEST_F(PostRestoreContainmentTest, DirectorySwappedWhileResolvedEndsTheRun) {
   fs.relation_point("a/sub");
   fs.blockless("plain/x", 100);
-  CmdResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()},
-                        "kind=dmig,code=7,path=/a/sub,count=1,run=" + swap_to(fs.Path("plain")));
+  CmdResult r =
+      fs.run({"-r"}, "kind=dmig,code=7,path=/a/sub,count=1,run=" + swap_to(fs.Path("plain")));
   ASSERT_TRUE(fsys::is_symlink(fs.Path("a/sub"))) << "the race did not happen";
   EXPECT_EQ(1, r.exit_code) << r.out;
   EXPECT_TRUE(fsys::exists(fs.root() + "/parked/inner"))
@@ -72,10 +70,10 @@ TEST_F(PostRestoreContainmentTest, DirectorySwappedWhileResolvedEndsTheRun) {
 TEST_F(PostRestoreContainmentTest, NestedFileSystemIsRefusedAndKept) {
   const std::string nested = fs.Path("nested");
   ASSERT_TRUE(fs.MakeDir("nested"));
-  CmdResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "", {},
-                        toolrun::in_private_mounts("mount -t tmpfs tmpfs " + nested +
-                                                       " && truncate -s 100 " + nested + "/sparse",
-                                                   "[ -e " + nested + "/sparse ] && echo KEPT"));
+  CmdResult r = fs.run({"-r"}, "", {},
+                       toolrun::in_private_mounts("mount -t tmpfs tmpfs " + nested +
+                                                      " && truncate -s 100 " + nested + "/sparse",
+                                                  "[ -e " + nested + "/sparse ] && echo KEPT"));
   if (toolrun::no_private_mounts(r)) GTEST_SKIP() << "no private mount namespace: " << r.err;
   EXPECT_EQ(1, r.exit_code);
   // Its own attribute request is refused by the other file system as any

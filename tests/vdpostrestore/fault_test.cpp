@@ -1,6 +1,12 @@
 // Failures of the driver, the file system and the log, and which of them
-// end the run. Whatever fails, a file is gone only if the log names it.
+// end the run; -r stopped part way by a kill, an interrupt or a full log.
+// Whatever fails, a file is gone only if the log names it: the log is
+// written ahead of each unlink, and never with a half line.
+#include <signal.h>
+#include <sys/stat.h>
+
 #include <cstring>
+#include <set>
 #include <utility>
 
 #include "tool_fixture.h"
@@ -10,6 +16,7 @@ namespace {
 using toolrun::CmdResult;
 using toolrun::log_header;
 using toolrun::ToolFs;
+using vdtest::SplitLines;
 using PostRestoreFaultTest = toolrun::ToolTest;
 
 TEST_F(PostRestoreFaultTest, FailuresThatEndTheRunOrAreReported) {
@@ -44,9 +51,8 @@ TEST_F(PostRestoreFaultTest, FailuresThatEndTheRunOrAreReported) {
     ToolFs one;
     one.blockless("d1/f", 100);
     if (c.relation_point) one.relation_point("d1");
-    std::vector<std::string> args = {"-f", one.log_path(), one.mnt()};
-    if (c.remove) args.insert(args.begin(), "-r");
-    CmdResult r = one.tool(args, c.faults);
+    CmdResult r =
+        one.run(c.remove ? std::vector<std::string>{"-r"} : std::vector<std::string>{}, c.faults);
     std::string err = c.err;
     for (auto [name, value] : {std::pair{"<d1>", one.Path("d1")}, {"<mnt>", one.mnt()}}) {
       if (auto at = err.find(name); at != std::string::npos) err.replace(at, strlen(name), value);
@@ -60,23 +66,6 @@ TEST_F(PostRestoreFaultTest, FailuresThatEndTheRunOrAreReported) {
   }
 }
 
-// "VDEA" is there but the events cannot be read: the directory may be a
-// relation point, so nothing below it is touched.
-TEST_F(PostRestoreFaultTest, UnreadableRelationPointEventsKeepTheFiles) {
-  fs.blockless("d1/f", 100);
-  fs.relation_point("d1");
-  fs.blockless("d1/sub/g", 100);
-  CmdResult r =
-      fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "kind=ioctl,code=1036,path=/d1,errno=EIO");
-  ASSERT_EQ(0, r.exit_code) << r.err;
-  EXPECT_EQ("Failed to get attributes for directory " + fs.Path("d1") + ": Input/output error.\n",
-            r.err);
-  EXPECT_EQ(log_header(fs.mnt(), true), fs.log());
-  EXPECT_TRUE(fs.Exists("d1/f"));
-  EXPECT_TRUE(fs.Exists("d1/sub/g"));
-  EXPECT_TRUE(fs.LogLinesWith({fs.Path("d1/sub") + " name=VDEA"}).empty()) << "not asked again";
-}
-
 // The log is the only record of what was reported; losing it must not pass
 // for a complete run, and with -r nothing may go unrecorded.
 TEST_F(PostRestoreFaultTest, UnwritableLogFailsTheRun) {
@@ -88,6 +77,79 @@ TEST_F(PostRestoreFaultTest, UnwritableLogFailsTheRun) {
     EXPECT_EQ("Failed to write logfile /dev/full: No space left on device.\n", r.err);
   }
   EXPECT_TRUE(fs.Exists("d1/f")) << "nothing may be removed without a log";
+}
+
+class PostRestoreRemovalTest : public toolrun::ToolTest {
+ protected:
+  // Blockless files d/f0 ... d/f<n-1>.
+  void make_files(int n) {
+    for (int f = 0; f < n; ++f) {
+      if (!fs.Exists(name(f))) fs.blockless(name(f), 100);
+    }
+  }
+  std::set<std::string> removed(int n) const {
+    std::set<std::string> gone;
+    for (int f = 0; f < n; ++f) {
+      if (!fs.Exists(name(f))) gone.insert(fs.Path(name(f)));
+    }
+    return gone;
+  }
+  static std::string name(int f) { return "d" + std::to_string(f % 4) + "/f" + std::to_string(f); }
+};
+
+// A run killed at any point has logged every file it removed; at most its
+// last line names the file whose unlink the kill cut short.
+TEST_F(PostRestoreRemovalTest, KilledRunHasLoggedEveryRemovedFile) {
+  for (int kill_at = 0; kill_at < 40; kill_at += 3) {
+    make_files(40);
+    // The unlink request kill_at + 1 kills the tool before the file goes
+    // (the rule's shell is the tool's child).
+    CmdResult r = fs.run(
+        {"-r"}, "kind=unlink,skip=" + std::to_string(kill_at) + ",count=1,run=kill -9 $PPID");
+    ASSERT_TRUE(r.killed_by(SIGKILL)) << "the tool was not killed: " << r.err;
+    const std::set<std::string> gone = removed(40);
+    const std::vector<std::string> lines = SplitLines(fs.log());
+    ASSERT_EQ(3u + gone.size() + 1, lines.size()) << "kill at " << kill_at;
+    EXPECT_EQ(gone, std::set<std::string>(lines.begin() + 3, lines.end() - 1));
+    EXPECT_EQ(0u, gone.count(lines.back())) << "the last line names the file not yet gone";
+  }
+}
+
+// SIGINT finishes the file in hand, then stops: the log is exact.
+TEST_F(PostRestoreRemovalTest, InterruptedRunStopsWithAnExactLog) {
+  make_files(10);
+  CmdResult r = fs.run({"-r"}, "kind=unlink,skip=3,count=1,run=kill -INT $PPID");
+  EXPECT_EQ(1, r.exit_code);
+  EXPECT_EQ("Interrupted by SIGINT.\n", r.err);
+  const std::vector<std::string> lines = SplitLines(fs.log());
+  ASSERT_GE(lines.size(), 3u);
+  EXPECT_EQ(4u, removed(10).size());
+  EXPECT_EQ(removed(10), std::set<std::string>(lines.begin() + 3, lines.end()));
+}
+
+// A log that fills up mid-line is cut back to its last whole line, and the
+// file whose line did not fit stays. The log is on a one-page tmpfs in a
+// private mount namespace (root only; skipped where none can be made).
+TEST_F(PostRestoreRemovalTest, FullLogStopsBeforeTheUnlinkAndLeavesNoHalfLine) {
+  const int files = 200;  // more lines than one page holds
+  make_files(files);
+  const std::string small = fs.root() + "/small", copy = fs.root() + "/log-copy";
+  ASSERT_EQ(0, ::mkdir(small.c_str(), 0700));
+  CmdResult r = fs.tool({"-r", "-f", small + "/log", fs.mnt()}, "", {},
+                        toolrun::in_private_mounts("mount -t tmpfs -o size=4k tmpfs " + small,
+                                                   "cp " + small + "/log " + copy));
+  if (toolrun::no_private_mounts(r)) GTEST_SKIP() << "no private mount namespace: " << r.err;
+  EXPECT_EQ(1, r.exit_code);
+  EXPECT_NE(std::string::npos,
+            r.err.find("Failed to write logfile " + small + "/log: No space left on device.\n"))
+      << r.err;
+  EXPECT_NE(std::string::npos, r.err.find(" was not removed.\n")) << r.err;
+  const std::string log = vdtest::ReadFile(copy);
+  ASSERT_FALSE(log.empty());
+  EXPECT_EQ('\n', log.back()) << "no half line";
+  const std::vector<std::string> lines = SplitLines(log);
+  EXPECT_FALSE(removed(files).empty());
+  EXPECT_EQ(removed(files), std::set<std::string>(lines.begin() + 3, lines.end()));
 }
 
 }  // namespace

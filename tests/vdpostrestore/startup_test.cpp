@@ -54,6 +54,7 @@ TEST_F(PostRestoreStartupTest, RunsThatEndBeforeTheWalk) {
   const std::string no_session = "Failed to init dm session: Function not implemented.\n";
   const std::string not_dir = plain + " is not a directory.\n",
                     no_device = "kind=device,errno=ENOENT";
+  const std::string getopt = std::string(VDPOSTRESTORE_BIN) + ": ";
   auto got = [](const std::string &mount_point) {
     return "Got mount point " + mount_point + ".\n";
   };
@@ -71,6 +72,11 @@ TEST_F(PostRestoreStartupTest, RunsThatEndBeforeTheWalk) {
       // --help and --version answer anyone, on standard output.
       {{"--help"}, true, 0, "", usage_text()},
       {{"-r", "--version", mnt}, true, 0, "", version},
+      {{"-x", mnt}, false, 1, getopt + "invalid option -- 'x'\n" + usage_text()},
+      {{mnt, "-f"}, false, 1, getopt + "option requires an argument -- 'f'\n" + usage_text()},
+      {{}, false, 1, usage_text()},
+      {{"-v", "-r"}, false, 1, usage_text()},
+      {{""}, false, 1, usage_text()},
       // The log's name is bounded by the tool's 1024-byte buffer, and an
       // unopenable one is named by the default path.
       {{"-f", log1023, mnt}, false, 1, no_logfile, got(mnt)},
@@ -93,33 +99,6 @@ TEST_F(PostRestoreStartupTest, RunsThatEndBeforeTheWalk) {
     EXPECT_EQ(c.err, r.err) << name;
     EXPECT_EQ(c.log.value_or("<none>"), std::filesystem::exists(log) ? fs.log() : "<none>") << name;
   }
-}
-
-TEST_F(PostRestoreStartupTest, BadCommandLinesPrintUsageAndFail) {
-  const std::vector<std::vector<std::string>> bad = {
-      {"-x", fs.mnt()}, {fs.mnt(), "-f"}, {}, {"-v", "-r"}, {""}};
-  for (const auto &args : bad) {
-    CmdResult r = fs.tool(args);
-    EXPECT_EQ(1, r.exit_code) << testing::PrintToString(args);
-    EXPECT_TRUE(r.err.ends_with(usage_text())) << testing::PrintToString(args) << r.err;
-    EXPECT_EQ("", r.out);
-  }
-}
-
-// Trailing slashes of the mount point go; options may follow it, and a
-// second argument is ignored.
-TEST_F(PostRestoreStartupTest, CommandLineFormsThatWalk) {
-  fs.blockless("f", 100);
-  CmdResult r = fs.tool({"-f", fs.log_path(), fs.mnt() + "///"});
-  ASSERT_EQ(0, r.exit_code) << r.err;
-  EXPECT_EQ("Got mount point " + fs.mnt() + ".\nProcessing directory " + fs.mnt() +
-                ".\n  Would remove file " + fs.Path("f") + ".\n",
-            r.out);
-  EXPECT_EQ(log_header(fs.mnt(), false) + fs.Path("f") + "\n", fs.log());
-  r = fs.tool({fs.mnt(), "ignored-second-argument", "-f", fs.log_path(), "-r"});
-  ASSERT_EQ(0, r.exit_code) << r.err;
-  EXPECT_EQ(log_header(fs.mnt(), true) + fs.Path("f") + "\n", fs.log());
-  EXPECT_FALSE(fs.Exists("f"));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -26,6 +27,11 @@ inline std::vector<std::string> grep(const std::string &text, const std::string 
     if (line.find(needle) != std::string::npos) hits.push_back(line);
   }
   return hits;
+}
+
+inline std::vector<std::string> sorted(std::vector<std::string> v) {
+  std::sort(v.begin(), v.end());
+  return v;
 }
 
 // The log header for a run on `mnt`.
@@ -52,6 +58,12 @@ class ToolFs : public vdtest::SimFs {
   std::string log_path() const { return root() + "/vdpostrestore.log"; }
   // The log file written by the last run with -f log_path().
   std::string log() const { return vdtest::ReadFile(log_path()); }
+  // The file paths that log lists after its header, sorted.
+  std::vector<std::string> logged(bool removed = false) const {
+    const std::string text = log(), header = log_header(mnt(), removed);
+    EXPECT_EQ(header, text.substr(0, header.size()));
+    return sorted(vdtest::SplitLines(text.substr(std::min(header.size(), text.size()))));
+  }
 
   void blockless(const std::string &rel, off_t size) const {
     ASSERT_TRUE(MakeFile(rel, size, false)) << rel;
@@ -115,6 +127,12 @@ class ToolFs : public vdtest::SimFs {
     if (!faults.empty()) opts.env["KXSIM_FAULTS"] = faults;
     std::remove(LogPath().c_str());
     return vdtest::RunCommand(argv, opts);
+  }
+  // vdpostrestore OPTIONS... -f log_path() mnt().
+  CmdResult run(std::vector<std::string> options = {}, const std::string &faults = "",
+                const RunOptions &opts = {}, const std::vector<std::string> &wrapper = {}) const {
+    options.insert(options.end(), {"-f", log_path(), mnt()});
+    return tool(options, faults, opts, wrapper);
   }
 
  private:

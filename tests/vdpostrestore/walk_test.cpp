@@ -1,9 +1,9 @@
-// The walk and the file rules in directories without policy or relation
-// point: which files are reported and removed, what is printed at each
-// verbosity, and what the walk must not follow.
+// The walk and the file rules in directories without policy: which files
+// are reported and removed, what is printed at each verbosity, what the walk
+// must not follow, and storage-manager relation points (a directory whose
+// "VDEA" comes with the create, remove and link events, and everything
+// below it).
 #include <sys/stat.h>
-
-#include <algorithm>
 
 #include "tool_fixture.h"
 
@@ -11,83 +11,60 @@ namespace {
 
 using toolrun::CmdResult;
 using toolrun::grep;
-using toolrun::log_header;
+using toolrun::sorted;
 using vdtest::SplitLines;
+using PostRestoreWalkTest = toolrun::ToolTest;
+using PostRestoreRelationPointTest = toolrun::ToolTest;
 
-std::vector<std::string> sorted(std::vector<std::string> v) {
-  std::sort(v.begin(), v.end());
-  return v;
-}
-
-class PostRestoreWalkTest : public toolrun::ToolTest {
- protected:
-  // The file paths listed in the log after its header, sorted.
-  std::vector<std::string> logged(bool removed = false) const {
-    const std::string log = fs.log(), header = log_header(fs.mnt(), removed);
-    EXPECT_EQ(header, log.substr(0, header.size()));
-    return sorted(SplitLines(log.substr(std::min(header.size(), log.size()))));
-  }
-};
-
-TEST_F(PostRestoreWalkTest, ReportsAndRemovesOnlyFilesWithSizeAndNoBlocks) {
-  fs.blockless("hole", 100);
-  fs.allocated("full");
-  fs.allocated("empty", "");
-  fs.blockless(".hidden", 1);
-  fs.blockless(".hdir/deep/inner", 4096);
-  const auto reported = sorted({fs.Path("hole"), fs.Path(".hidden"), fs.Path(".hdir/deep/inner")});
-  CmdResult r = fs.tool({"-f", fs.log_path(), fs.mnt()});
-  ASSERT_EQ(0, r.exit_code) << r.err;
-  EXPECT_EQ("", r.err);
-  EXPECT_EQ(reported, logged());
-  EXPECT_EQ(1u, grep(r.out, "  Would remove file " + fs.Path("hole") + ".").size());
-  EXPECT_TRUE(fs.Exists("hole")) << "a dry run removes nothing";
-
-  r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()});
-  ASSERT_EQ(0, r.exit_code) << r.err;
-  EXPECT_EQ(reported, logged(true));
-  EXPECT_EQ(1u, grep(r.out, "  Removing file " + fs.Path("hole") + ".").size());
-  EXPECT_TRUE(grep(r.out, "Would remove").empty());
-  for (const char *rel : {"hole", ".hidden", ".hdir/deep/inner"}) EXPECT_FALSE(fs.Exists(rel));
-  EXPECT_TRUE(fs.Exists("full") && fs.Exists("empty"));
-}
-
-// Level 1 is the default and -v adds nothing; -vv explains every entry,
-// -vvv adds the opendir calls.
-TEST_F(PostRestoreWalkTest, VerbosityLevels) {
-  fs.blockless("d/f", 100);
+// Files with a size and no blocks are reported, hidden ones too. Level 1 is
+// the default and -v adds nothing; -vv explains every entry, -vvv adds the
+// opendir calls. Trailing slashes of the mount point go; options may follow
+// it, and a second argument is ignored.
+TEST_F(PostRestoreWalkTest, ReportsAtEachVerbosityAndRemovesWithR) {
+  fs.blockless(".d/f", 100);
+  fs.blockless(".h", 1);
   fs.allocated("full");
   fs.allocated("empty", "");
   struct stat st;
   ASSERT_EQ(0, stat(fs.Path("full").c_str(), &st));
   const std::string m = fs.mnt();
-  const std::vector<std::string> level1 = {
-      "Got mount point " + m + ".", "Processing directory " + m + ".",
-      "Processing directory " + m + "/d.", "  Would remove file " + m + "/d/f."};
-  for (auto args : {std::vector<std::string>{}, {"-v"}}) {
-    args.insert(args.end(), {"-f", fs.log_path(), m});
-    CmdResult r = fs.tool(args);
-    ASSERT_EQ(0, r.exit_code) << r.err;
-    EXPECT_EQ(level1, SplitLines(r.out)) << "no level-2 messages exist";
-  }
-  CmdResult r3 = fs.tool({"-v", "-v", "-f", fs.log_path(), m});
+  const std::vector<std::string> reported = sorted({m + "/.d/f", m + "/.h"});
+  const std::vector<std::string> level1 =
+      sorted({"Got mount point " + m + ".", "Processing directory " + m + ".",
+              "Processing directory " + m + "/.d.", "  Would remove file " + m + "/.d/f.",
+              "  Would remove file " + m + "/.h."});
+  CmdResult r = fs.tool({"-f", fs.log_path(), m + "///"});
+  ASSERT_EQ(0, r.exit_code) << r.err;
+  EXPECT_EQ("", r.err);
+  EXPECT_TRUE(r.out.starts_with("Got mount point " + m + ".\nProcessing directory " + m + ".\n"))
+      << r.out;
+  EXPECT_EQ(level1, sorted(SplitLines(r.out)));
+  EXPECT_EQ(reported, fs.logged());
+  EXPECT_EQ(level1, sorted(SplitLines(fs.run({"-v"}).out))) << "no level-2 messages exist";
   std::vector<std::string> level3 = level1;
   level3.insert(
       level3.end(),
       {"Not a relation point, no attributes found for directory " + m + ".",
-       "Not a relation point, no attributes found for directory " + m + "/d.",
+       "Not a relation point, no attributes found for directory " + m + "/.d.",
        "Got directory entry: .", "Got directory entry: .", "  Skipping entry.", "  Skipping entry.",
        "Got directory entry: ..", "Got directory entry: ..", "  Skipping entry.",
-       "  Skipping entry.", "Got directory entry: d", "Recursing, found a directory.",
-       "Got directory entry: f", "Got directory entry: full",
+       "  Skipping entry.", "Got directory entry: .d", "Recursing, found a directory.",
+       "Got directory entry: f", "Got directory entry: .h", "Got directory entry: full",
        "  File has non-zero allocation of " + std::to_string(st.st_blocks) + " blocks, Skipping.",
        "Got directory entry: empty", "  File has zero length, Skipping."});
-  EXPECT_EQ(sorted(level3), sorted(SplitLines(r3.out)));
-  EXPECT_EQ(log_header(m, false) + m + "/d/f\n", fs.log());
-
-  CmdResult r4 = fs.tool({"-vvv", "-f", fs.log_path(), m});
+  EXPECT_EQ(sorted(level3), sorted(SplitLines(fs.run({"-v", "-v"}).out)));
+  CmdResult r4 = fs.run({"-vvv"});
   EXPECT_EQ(2u, grep(r4.out, "Calling opendir.").size());
   EXPECT_EQ(level3.size() + 2, SplitLines(r4.out).size());
+  EXPECT_TRUE(fs.Exists(".h")) << "a dry run removes nothing";
+
+  r = fs.tool({m, "ignored-second-argument", "-f", fs.log_path(), "-r"});
+  ASSERT_EQ(0, r.exit_code) << r.err;
+  EXPECT_EQ(reported, fs.logged(true));
+  EXPECT_EQ(1u, grep(r.out, "  Removing file " + m + "/.h.").size());
+  EXPECT_TRUE(grep(r.out, "Would remove").empty());
+  EXPECT_FALSE(fs.Exists(".h") || fs.Exists(".d/f"));
+  EXPECT_TRUE(fs.Exists("full") && fs.Exists("empty"));
 }
 
 TEST_F(PostRestoreWalkTest, SymbolicLinksAndSpecialFilesAreNotFollowed) {
@@ -98,11 +75,11 @@ TEST_F(PostRestoreWalkTest, SymbolicLinksAndSpecialFilesAreNotFollowed) {
   ASSERT_EQ(0, symlink(fs.Path("hole").c_str(), fs.Path("link-to-file").c_str()));
   ASSERT_EQ(0, symlink("dangling-target", fs.Path("dangling").c_str()));
   ASSERT_EQ(0, mkfifo(fs.Path("fifo").c_str(), 0600));
-  CmdResult r = fs.tool({"-vv", "-r", "-f", fs.log_path(), fs.mnt()});
+  CmdResult r = fs.run({"-vv", "-r"});
   ASSERT_EQ(0, r.exit_code) << r.err;
   EXPECT_EQ(4u, grep(r.out, "  Not a regular file, Skipping.").size());
   EXPECT_TRUE(grep(r.out, "Processing directory " + fs.Path("link-to-dir")).empty());
-  EXPECT_EQ(std::vector<std::string>{fs.Path("hole")}, logged(true));
+  EXPECT_EQ(std::vector<std::string>{fs.Path("hole")}, fs.logged(true));
   EXPECT_TRUE(fs.Exists("../outside/victim"));
   EXPECT_TRUE(fs.Exists("link-to-file"));
 }
@@ -113,15 +90,15 @@ TEST_F(PostRestoreWalkTest, DescriptorsFollowTheDepthNotTheWidth) {
   for (int i = 0; i < 150; ++i) fs.blockless("w" + std::to_string(i) + "/sub/f", 10);
   toolrun::RunOptions opts;
   opts.max_open_files = 20;
-  CmdResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()}, "", opts);
+  CmdResult r = fs.run({"-r"}, "", opts);
   ASSERT_EQ(0, r.exit_code) << r.err;
-  EXPECT_EQ(150u, logged(true).size());
+  EXPECT_EQ(150u, fs.logged(true).size());
 
   std::string rel = "d";
   for (int i = 0; i < 60; ++i) rel += "/d";
   fs.blockless(rel + "/f", 10);
   opts.max_open_files = 40;
-  r = fs.tool({"-f", fs.log_path(), fs.mnt()}, "", opts);
+  r = fs.run({}, "", opts);
   EXPECT_EQ(1, r.exit_code);
   EXPECT_FALSE(grep(r.err, "Too many open files").empty()) << r.err;
   EXPECT_EQ(1u, grep(r.err, "The tree is deeper than the limit of 40 open files allows.").size())
@@ -140,9 +117,9 @@ TEST_F(PostRestoreWalkTest, PathsLongerThanPathRequestsAreWalked) {
   fs.blockless(rel + "/keyed/hole", 10);
   fs.relation_point(rel + "/rp");
   fs.blockless(rel + "/rp/kept", 10);
-  CmdResult r = fs.tool({"-r", "-f", fs.log_path(), fs.mnt()});
+  CmdResult r = fs.run({"-r"});
   ASSERT_EQ(0, r.exit_code) << r.err;
-  EXPECT_EQ(sorted({fs.Path(rel + "/hole"), fs.Path(rel + "/keyed/hole")}), logged(true));
+  EXPECT_EQ(sorted({fs.Path(rel + "/hole"), fs.Path(rel + "/keyed/hole")}), fs.logged(true));
   EXPECT_FALSE(fs.Exists(rel + "/hole"));
   EXPECT_TRUE(fs.Exists(rel + "/rp/kept"));
 }
@@ -151,13 +128,62 @@ TEST_F(PostRestoreWalkTest, PathsLongerThanPathRequestsAreWalked) {
 // other files: such paths are shell-quoted, one per line.
 TEST_F(PostRestoreWalkTest, PathsWithLineBreaksAreQuotedOnOneLine) {
   fs.blockless("nl\n/fs/keep_me", 100);
-  fs.blockless("cr\r", 100);
   fs.allocated("fs/keep_me");
-  CmdResult r = fs.tool({"-f", fs.log_path(), fs.mnt()});
+  CmdResult r = fs.run();
   ASSERT_EQ(0, r.exit_code) << r.err;
-  EXPECT_EQ(sorted({"$'" + fs.Path("cr\\r") + "'", "$'" + fs.Path("nl\\n/fs/keep_me") + "'"}),
-            logged());
-  EXPECT_EQ(1u, grep(r.out, "  Would remove file $'" + fs.Path("nl\\n/fs/keep_me") + "'.").size());
+  const std::string shown = "$'" + fs.Path("nl\\n/fs/keep_me") + "'";
+  EXPECT_EQ(std::vector<std::string>{shown}, fs.logged());
+  EXPECT_EQ(1u, grep(r.out, "  Would remove file " + shown + ".").size());
+}
+
+// Only "VDEA" with all three events makes a relation point; below one,
+// nothing is touched or even asked about.
+TEST_F(PostRestoreRelationPointTest, EverythingBelowARelationPointIsLeftAlone) {
+  fs.relation_point("rp");
+  fs.blockless("rp/f", 100);
+  fs.blockless("rp/sub/g", 100);
+  fs.blockless("rp/sub/deeper/h", 100);
+  fs.relation_point("half", false);
+  fs.sim({"events", "set", fs.Path("half"), "0x1100"});  // remove and link, no create
+  fs.blockless("half/x", 100);
+  fs.blockless("plain/y", 100);
+  // "VDEA" is there but the events cannot be read: the directory may be a
+  // relation point, so nothing below it is reported or asked about.
+  CmdResult r = fs.run({}, "kind=ioctl,code=1036,path=/rp,errno=EIO");
+  ASSERT_EQ(0, r.exit_code) << r.err;
+  EXPECT_EQ("Failed to get attributes for directory " + fs.Path("rp") + ": Input/output error.\n",
+            r.err);
+  EXPECT_EQ(sorted({fs.Path("half/x"), fs.Path("plain/y")}), fs.logged());
+  EXPECT_TRUE(fs.LogLinesWith({fs.Path("rp/sub") + " name=VDEA"}).empty()) << "not asked again";
+
+  r = fs.run({"-vv", "-r"});
+  ASSERT_EQ(0, r.exit_code) << r.err;
+  EXPECT_TRUE(fs.Exists("rp/f") && fs.Exists("rp/sub/g") && fs.Exists("rp/sub/deeper/h"));
+  EXPECT_FALSE(fs.Exists("half/x") || fs.Exists("plain/y"));
+  EXPECT_EQ(2u, grep(r.out, "Dir has attributes.").size());
+  EXPECT_EQ(1u,
+            grep(r.out, "Directory " + fs.Path("rp") + " is under a SM relation point.").size());
+  EXPECT_EQ(
+      1u,
+      grep(r.out, "Directory " + fs.Path("half") + " is not under a SM relation point.").size());
+  EXPECT_EQ(1u, grep(r.out, "Not a relation point, no attributes found for directory " +
+                                fs.Path("plain") + ".")
+                    .size());
+  EXPECT_EQ(3u, grep(r.out, "  File is managed by SM, Skipping.").size());
+
+  // Directories below the relation point are not asked again: four
+  // directories (the mount point, rp, half, plain) are resolved and read.
+  const std::string requests = vdtest::ReadFile(fs.LogPath());
+  EXPECT_EQ(4u, fs.LogLinesWith({"name=VDEA"}).size()) << requests;
+  std::size_t path_to_handle = 0;  // flags 1; the mount cache asks with flags 0
+  for (const auto &line : fs.LogLinesWith({" flags=1 "})) {
+    path_to_handle += line.starts_with("dmig 0x7 ");
+  }
+  EXPECT_EQ(4u, path_to_handle) << requests;
+  for (const auto &line : fs.LogLinesWith({"rp/sub"})) {
+    EXPECT_EQ(std::string::npos, line.find("name=VDEA")) << line;
+    EXPECT_FALSE(line.starts_with("dmig 0x7 ")) << line;
+  }
 }
 
 }  // namespace
