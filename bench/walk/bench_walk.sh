@@ -99,18 +99,9 @@ restore() {
 }
 
 # tool <tree dir> <config> <log> [option]: one timed dry run of the tool on
-# the tree; leaves "wall cpu peak-KiB" in $WORK/time.out. Fails the
-# benchmark if the tool fails, as its time would then measure an aborted walk.
+# the tree, as timed() below.
 tool() {
-  if ! /usr/bin/time -f '%e %U %S %M' -o "$WORK/time.out" \
-    env KXSIM_CONFIG="$2" "$KXSIM" run -- "$TOOL" -b ${4:-} -f "$3" "$1/fs" \
-    >/dev/null 2>"$WORK/tool.err"; then
-    echo "bench_walk: vdpostrestore failed on $1/fs:" >&2
-    cat "$WORK/tool.err" >&2
-    exit 1
-  fi
-  read -r secs user sys kb <"$WORK/time.out"
-  echo "$secs $(awk "BEGIN{printf \"%.2f\", $user + $sys}") $kb" >"$WORK/time.out"
+  timed env KXSIM_CONFIG="$2" "$KXSIM" run -- "$TOOL" -b ${4:-} -f "$3" "$1/fs"
 }
 
 # timed <command...>: runs the command once; leaves "wall cpu peak-KiB" in
@@ -129,7 +120,7 @@ timed() {
 # contender <name> <tree dir>: one timed dry run of a contender.
 contender() {
   case $1 in
-    tool) timed env KXSIM_CONFIG="$2/kxsim.conf" "$KXSIM" run -- "$TOOL" -b -f "$WORK/bench.log" "$2/fs" ;;
+    tool) tool "$2" "$2/kxsim.conf" "$WORK/bench.log" ;;
     floor) timed env KXSIM_CONFIG="$2/kxsim.conf" "$KXSIM" run -- "$FLOOR" "$WORK/floor.log" "$2/fs" ;;
     cwalk) timed "$CWALK" "$2/fs" ;;
     find) timed find "$2/fs" -type f -printf '%b %s %p\n' ;;
