@@ -53,7 +53,6 @@ TEST_F(PolicyTest, MergeFillsDefaultSlotsWithOwnedCopies) {
   EXPECT_EQ(VDP_FLAG_NAMED | VDP_FLAG_DEDUP, child.polcfg_flags);
   EXPECT_EQ(VDP_REP_ENCRYPT | VDP_REP_COMPRESS | VDP_REP_INPUT_OFF, child.polcfg_rep_flags);
   EXPECT_EQ(VDP_ORIGIN_INHERITED, child.polcfg_origin[VDP_SLOT_DEDUP_SKIP]);
-  EXPECT_EQ(VDP_ORIGIN_DEFAULT, child.polcfg_origin[VDP_SLOT_TRUNC_SKIP]);
   EXPECT_EQ(VDP_ORIGIN_INHERITED, child.polcfg_origin[VDP_SLOT_REP_TARGET]);
   EXPECT_EQ(100, child.polcfg_mtime);
   ASSERT_NE(nullptr, child.polcfg_dedup_regex);

@@ -11,12 +11,15 @@ using vdtest::PolicyTest;
 
 // ---- Lines, separators and syntax errors ----------------------------------
 
-// Each row is a text of a policy with key 5 and the one message it gets.
-TEST_F(PolicyTest, SyntaxErrorsNameTheLineAndTheCause) {
+// Each row is a policy text and the one message it gets: syntax errors name
+// the line and the cause; keywords with special values give their own.
+TEST_F(PolicyTest, EachRefusalHasItsMessage) {
   const std::string at = "Policy syntax error line ";
-  const std::pair<std::string, std::string> cases[] = {
-      // Blanks are no separators.
-      {"dedup=on, key=5", at + "1 for key: 5: Unrecognized option: ' key=5'"},
+  const struct {
+    std::string text, message;
+    uint64_t key = 5;
+    int do_inherit = 0;
+  } cases[] = {
       {"# policy\r\ndedup=on\r\ntrunc=on\r\n", at + "2 for key: 5: Unrecognized option: '\r'"},
       // Blank lines count in line numbers.
       {"\n\ndedup=on\n\ntrunc=maybe\n",
@@ -24,23 +27,30 @@ TEST_F(PolicyTest, SyntaxErrorsNameTheLineAndTheCause) {
       {"rep_input=maybe",
        at + "1 for key: 5: Unknown choice enumerated in option 'rep_input=maybe'; "
             "Expected: {on,true|off,false|disabled}"},
-      {"objs_pri=1,dedup_pri=1000",
-       at + "1 for key: 5: Parameter 'dedup_pri' (1000) out of range, min 0 max 999"},
       {"rep_copies=17",
        at + "1 for key: 5: Parameter 'rep_copies' (17) out of range, min 0 max 16"},
       {"trunc_low_water=101",
        at + "1 for key: 5: Parameter 'trunc_low_water' (101) out of range, min 0 max 100"},
       // A reason cut to the parser's 511 characters loses its last one.
       {std::string(600, 'x'), at + "1 for key: 5: Unrecognized option: '" + std::string(488, 'x')},
+      {"name=pol\nbogus\n", at + "2 for name: pol: Unrecognized option: 'bogus'", 0},
+      {"bogus", at + "1 for name: (null): Unrecognized option: 'bogus'", 0},
+      // The option is left unset.
+      {"name=" + std::string(32, 'n'), "policy name too long"},
+      {"key=43", "Policy file key 5 doesn't match key option value 43"},
+      {"key=0", "Option 'key' not allowed", 0},
+      {"affinity=abcdefghi", "Affinity value must be 8 chars of less"},
+      {"rep_off=[0 8 * * *", "Bad schedule specifier"},
+      {"inherit=parent,dedup", "Failed to inherit policy parent", 0, 1},
   };
-  for (const auto &[text, message] : cases) {
+  for (const auto &c : cases) {
     Reset();
-    EXPECT_EQ(message, ParseKeyed(text)) << text;
+    cfg_.polcfg_key = c.key;
+    EXPECT_EQ(c.message, Parse(c.text, c.do_inherit)) << c.text;
+    // Only the keyed texts have no "name=" that would be stored.
+    EXPECT_TRUE(c.key == 0 || cfg_.polcfg_name == nullptr) << c.text;
+    EXPECT_EQ(nullptr, cfg_.polcfg_rep_sched_str) << c.text;
   }
-  Reset();
-  EXPECT_EQ(at + "2 for name: pol: Unrecognized option: 'bogus'", Parse("name=pol\nbogus\n"));
-  Reset();
-  EXPECT_EQ(at + "1 for name: (null): Unrecognized option: 'bogus'", Parse("bogus"));
 }
 
 TEST_F(PolicyTest, SyntaxErrorRaisesOneRasEventWithoutOptionDetail) {
@@ -63,7 +73,6 @@ TEST_F(PolicyTest, CallerBuffersAreRespected) {
   EXPECT_EQ(0, parse_policy_string(7, &cfg_, nullptr, 0, 0, 0, nullptr, err, sizeof err));
   text = "bogus";
   EXPECT_EQ(-1, parse_policy_string(7, &cfg_, text.data(), text.size(), 0, 0, nullptr, nullptr, 0));
-  text = "bogus";
   char small[10];
   std::memset(small, 'x', sizeof small);
   EXPECT_EQ(-1, parse_policy_string(7, &cfg_, text.data(), text.size(), 0, 0, nullptr, small,
@@ -163,63 +172,26 @@ TEST_F(PolicyTest, InheritedValuesAreReplacedNotDuplicates) {
 
 // ---- Keywords with special values ---------------------------------------------
 
-TEST_F(PolicyTest, NameHoldsAtMost31Characters) {
-  EXPECT_EQ("policy name too long", Parse("name=" + std::string(32, 'n')));
-  EXPECT_EQ(nullptr, cfg_.polcfg_name);
-  Reset();
-  EXPECT_EQ("OK", Parse("name=" + std::string(31, 'n')));
-}
-
-TEST_F(PolicyTest, KeyMustMatchTheFileKey) {
-  EXPECT_EQ("OK", ParseKeyed("key=42", 42));
-  cfg_.polcfg_origin[VDP_SLOT_KEY] = VDP_ORIGIN_DEFAULT;
-  EXPECT_EQ("Policy file key 42 doesn't match key option value 43", ParseKeyed("key=43", 42));
-  cfg_.polcfg_origin[VDP_SLOT_KEY] = VDP_ORIGIN_DEFAULT;
-  EXPECT_EQ("Option 'key' not allowed", ParseKeyed("key=0", 0));
-}
-
-TEST_F(PolicyTest, RootIsTheHandlePathOnlyForLiveUse) {
-  EXPECT_EQ("OK", Parse("root=0x2a"));
-  EXPECT_STREQ("0x2a", cfg_.polcfg_root);
-  Reset();
-  cfg_.polcfg_mount = strdup("/mnt/fs1");
-  EXPECT_EQ("OK", Parse("root=0x2a", 1));
-  EXPECT_STREQ("/mnt/fs1/__KXFS_Handle.0x2a", cfg_.polcfg_root);
-}
-
-// Eight bytes, space padded, the first character in the lowest byte.
-TEST_F(PolicyTest, AffinityIsSpacePaddedInTextOrder) {
-  EXPECT_EQ("OK", Parse("affinity=ab"));
+// Affinity is eight bytes, space padded, the first character in the lowest
+// byte. Windows are kept as text without the optional brackets and compiled
+// when the whole policy is loaded. Live, root is a path under the mount.
+TEST_F(PolicyTest, SpecialValuesAreStoredAsTheLoaderNeedsThem) {
+  EXPECT_EQ("OK", ParseKeyed("key=42,name=" + std::string(31, 'n') +
+                                 ",affinity=ab,rep_realize=/a/b//,root=0x2a\n"
+                                 "ingest_off=[0 8-18 * * Mon-Fri],rep_off=@daily",
+                             42));
   EXPECT_EQ(0x2020202020206261u, cfg_.polcfg_affinity);
-  cfg_.polcfg_origin[VDP_SLOT_AFFINITY] = VDP_ORIGIN_DEFAULT;
-  EXPECT_EQ("OK", Parse("affinity=abcdefgh"));
-  EXPECT_EQ(0x6867666564636261u, cfg_.polcfg_affinity);
-  cfg_.polcfg_origin[VDP_SLOT_AFFINITY] = VDP_ORIGIN_DEFAULT;
-  EXPECT_EQ("Affinity value must be 8 chars of less", Parse("affinity=abcdefghi"));
-}
-
-// Kept as text, without the optional brackets; compiled when the whole
-// policy is loaded.
-TEST_F(PolicyTest, BlackoutWindowsKeepTheTextInsideBrackets) {
-  EXPECT_EQ("OK", Parse("ingest_off=[0 8-18 * * Mon-Fri],rep_off=@daily"));
+  EXPECT_STREQ("/a/b", cfg_.polcfg_realize);
+  EXPECT_STREQ("0x2a", cfg_.polcfg_root);
   EXPECT_STREQ("0 8-18 * * Mon-Fri", cfg_.polcfg_ingest_sched_str);
   EXPECT_STREQ("@daily", cfg_.polcfg_rep_sched_str);
   EXPECT_EQ(nullptr, cfg_.polcfg_ingest_sched);
   Reset();
-  EXPECT_EQ("Bad schedule specifier", Parse("rep_off=[0 8 * * *"));
-  EXPECT_EQ(nullptr, cfg_.polcfg_rep_sched_str);
-}
-
-TEST_F(PolicyTest, RealizeLosesTrailingSlashes) {
-  EXPECT_EQ("OK", Parse("rep_realize=/a/b//"));
-  EXPECT_STREQ("/a/b", cfg_.polcfg_realize);
-  cfg_.polcfg_origin[VDP_SLOT_REP_REALIZE] = VDP_ORIGIN_DEFAULT;
-  EXPECT_EQ("OK", Parse("rep_realize=///"));
+  cfg_.polcfg_mount = strdup("/mnt/fs1");
+  EXPECT_EQ("OK", Parse("affinity=abcdefgh,rep_realize=///,root=0x2a", 1));
+  EXPECT_EQ(0x6867666564636261u, cfg_.polcfg_affinity);
   EXPECT_STREQ("", cfg_.polcfg_realize);
-}
-
-TEST_F(PolicyTest, ExplicitParentThatCannotBeFoundFailsTheParse) {
-  EXPECT_EQ("Failed to inherit policy parent", Parse("inherit=parent,dedup", 1));
+  EXPECT_STREQ("/mnt/fs1/__KXFS_Handle.0x2a", cfg_.polcfg_root);
 }
 
 }  // namespace

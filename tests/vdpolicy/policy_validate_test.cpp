@@ -40,8 +40,6 @@ TEST_F(PolicyValidateTest, FirstFailingRuleGivesTheReason) {
       {"objs_id=x", "OBJS must be turned on to configure OBJS-related parameters"},
       {"trunc_low_water=0,trunc_high_water=90",
        "high/low watermarks must both be zero or non-zero"},
-      {"trunc_low_water=50,trunc_high_water=50",
-       "the high watermark must be greater than the low watermark"},
       {"name=me,inherit=me", "A policy can't inherit from itself"},
       {"rep_output", "replication requires target definitions"},
       {"rep_output,rep_target=target:/a@h:1", "OK"},

@@ -49,32 +49,29 @@ class ScheduleTest : public ::testing::Test {
   vdtest::LogCapture log_;
 };
 
-TEST_F(ScheduleTest, FiveFields) {
-  EXPECT_EQ("0 | 8,9,10,11,12,13,14,15,16,17,18 | * | * | 1,2,3,4,5 | 0x4",
-            Load("0 8-18 * * Mon-Fri"));
-  EXPECT_EQ("0,15,30,45 | * | * | * | * | 0xf", Load("*/15 * * * *"));
-  EXPECT_EQ("5,7 | 1,3,5 | 1,15 | 2,7 | 1 | 0", Load("\t 5,7 1-5/2 1,15 feb,JUL mon  "));
-  EXPECT_EQ("59 | 23 | 31 | 12 | 6 | 0", Load("59\t23 31 12 6"));
-  // A step after a single value is ignored with the rest of the field.
-  EXPECT_EQ("5 | 0 | 1 | 1 | 0,7 | 0", Load("5/10,7 0 1 1 0"));
-}
-
-// Sunday is both 0 and 7, however it is named.
-TEST_F(ScheduleTest, SundayIsFoldedBothWays) {
-  for (const char *text : {"0 0 1 1 7", "0 0 1 1 sun", "0 0 1 1 0"})
-    EXPECT_EQ("0 | 0 | 1 | 1 | 0,7 | 0", Load(text)) << text;
-  EXPECT_EQ("0 | 0 | 1 | 1 | 0,6,7 | 0", Load("0 0 1 1 6-7"));
-}
-
-TEST_F(ScheduleTest, Keywords) {
-  EXPECT_EQ(" |  |  |  |  | 0x10", Load("@reboot"));
-  EXPECT_EQ("0 | 0 | 1 | 1 | * | 0x8", Load("@yearly"));
-  EXPECT_EQ(Load("@yearly"), Load("  @annually  "));
-  EXPECT_EQ("0 | 0 | 1 | * | * | 0x8", Load("@monthly"));
-  EXPECT_EQ("0 | 0 | * | * | 0,7 | 0x4", Load("@weekly"));
-  EXPECT_EQ("0 | 0 | * | * | * | 0x4", Load("@daily"));
-  EXPECT_EQ(Load("@daily"), Load("@midnight"));
-  EXPECT_EQ("0 | * | * | * | * | 0x6", Load("@hourly"));
+// Each row is a text and the fields it sets.
+TEST_F(ScheduleTest, FieldsAndKeywords) {
+  const std::pair<const char *, const char *> cases[] = {
+      {"0 8-18 * * Mon-Fri", "0 | 8,9,10,11,12,13,14,15,16,17,18 | * | * | 1,2,3,4,5 | 0x4"},
+      {"*/15 * * * *", "0,15,30,45 | * | * | * | * | 0xf"},
+      {"\t 5,7 1-5/2 1,15 feb,JUL mon  ", "5,7 | 1,3,5 | 1,15 | 2,7 | 1 | 0"},
+      {"59\t23 31 12 6", "59 | 23 | 31 | 12 | 6 | 0"},
+      // A step after a single value is ignored with the rest of the field.
+      {"5/10,7 0 1 1 0", "5 | 0 | 1 | 1 | 0,7 | 0"},
+      // Sunday is both 0 and 7, however it is named.
+      {"0 0 1 1 7", "0 | 0 | 1 | 1 | 0,7 | 0"},
+      {"0 0 1 1 sun", "0 | 0 | 1 | 1 | 0,7 | 0"},
+      {"0 0 1 1 6-7", "0 | 0 | 1 | 1 | 0,6,7 | 0"},
+      {"@reboot", " |  |  |  |  | 0x10"},
+      {"@yearly", "0 | 0 | 1 | 1 | * | 0x8"},
+      {"  @annually  ", "0 | 0 | 1 | 1 | * | 0x8"},
+      {"@monthly", "0 | 0 | 1 | * | * | 0x8"},
+      {"@weekly", "0 | 0 | * | * | 0,7 | 0x4"},
+      {"@daily", "0 | 0 | * | * | * | 0x4"},
+      {"@midnight", "0 | 0 | * | * | * | 0x4"},
+      {"@hourly", "0 | * | * | * | * | 0x6"},
+  };
+  for (const auto &[text, fields] : cases) EXPECT_EQ(fields, Load(text)) << text;
 }
 
 // Each field, and an unknown keyword, has its own word in the one error line.

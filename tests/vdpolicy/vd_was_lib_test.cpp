@@ -258,7 +258,8 @@ TEST_F(ObjsConfTest, EmptyIdentifierAndNulByteFromFuzzing) {
   EXPECT_EQ(0, verify_was_policy_params("", "n@accesshost_portmse\r", msg, sizeof msg));
 }
 
-TEST_F(ObjsConfTest, VerifyFindsTheIdIgnoringCaseAndTheNamespaceExactly) {
+TEST_F(ObjsConfTest, VerifyReadsTheFileEachTimeAndMatchesIdInAnyCase) {
+  EXPECT_EQ("couldn't find objs_id c1 in @", Verify("c1", "ns1"));  // no file yet
   Write("objs_id=Cloud,access_host_ports=h,namespaces=Bucket|b2\n");
   EXPECT_EQ("0", Verify("cLOUD", "Bucket"));
   EXPECT_EQ("0", Verify("cloud", "b2"));
@@ -269,11 +270,8 @@ TEST_F(ObjsConfTest, VerifyFindsTheIdIgnoringCaseAndTheNamespaceExactly) {
   char small[8];
   EXPECT_EQ(-1, verify_was_policy_params("other", "x", small, sizeof small));
   EXPECT_STREQ("couldn'", small);
-}
-
-TEST_F(ObjsConfTest, VerifyReadsTheFileAfreshOnEveryCheck) {
-  EXPECT_EQ("couldn't find objs_id c1 in @", Verify("c1", "ns1"));
-  Write(kMinimal);  // the file is read afresh on every check
+  // The file is read afresh on every check.
+  Write(kMinimal);
   EXPECT_EQ("0", Verify("c1", "ns1"));
   Write("objs_id=c1\n");
   EXPECT_EQ(
