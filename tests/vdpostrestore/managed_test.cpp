@@ -75,7 +75,10 @@ TEST_F(PostRestoreManagedTest, KeyPolicyInformationIsStrippedOutsideRelationPoin
 }
 
 // Under an object-store policy a blockless file goes only when its own
-// "BFST" does not show a stored copy; nothing is stripped there.
+// "BFST" shows no stored copy, or when it has none; one whose "BFST" says
+// nothing (too short to hold the flags) stays, and so does everything
+// under a directory whose "BFST" is too short to hold a key. Nothing is
+// stripped there.
 TEST_F(PostRestoreManagedTest, ObjectStoreFilesAreKeptByTheirFlags) {
   fs.policy("key_8", "objs=on,objs_id=cloud1,objs_namespace=bucket1\n");
   fs.keyed_dir("w", 8);
@@ -84,13 +87,22 @@ TEST_F(PostRestoreManagedTest, ObjectStoreFilesAreKeptByTheirFlags) {
   fs.blockless("w/plain", 100);
   fs.bfst("w/plain", 0);
   fs.blockless("w/noattr", 100);
+  fs.blockless("w/short", 100);
+  fs.sim({"attr", "set", fs.Path("w/short"), "BFST", "0000000000000000000000"});
+  ASSERT_TRUE(fs.MakeDir("odd"));
+  fs.sim({"attr", "set", fs.Path("odd"), "BFST", "08"});
+  fs.blockless("odd/sub/f", 100);
   RunOptions opts;
   opts.env["KXFSCONF"] = fs.objs_conf_dir();
   CmdResult r = fs.run({"-vv"}, "", opts);
   ASSERT_EQ(0, r.exit_code) << r.err;
-  EXPECT_EQ("Unable to obtain BFST EA for vdpolicyd managed file " + fs.Path("w/noattr") +
-                ": No data available\n",
-            r.err);
+  EXPECT_EQ(sorted({"Failed to get xattr for directory " + fs.Path("odd") +
+                        ": value of 1 byte is too short.",
+                    "Unable to obtain BFST EA for vdpolicyd managed file " + fs.Path("w/noattr") +
+                        ": No data available",
+                    "Unable to obtain BFST EA for vdpolicyd managed file " + fs.Path("w/short") +
+                        ": value of 11 bytes is too short"}),
+            sorted(vdtest::SplitLines(r.err)));
   EXPECT_EQ(1u, grep(r.out, "  Truncated file stored to WAS, Skipping").size());
   EXPECT_EQ(1u, grep(r.out, "  Truncated file under WAS policy, but not stored to WAS.").size());
   EXPECT_EQ(sorted({fs.Path("w/noattr"), fs.Path("w/plain")}), fs.logged());

@@ -83,6 +83,13 @@ bool get_dir_attrs(int dir_fd, const char *dir_path, uint64_t dir_ino, bool &rel
   size_t returned_len = 0;
   int rc = dm_get_dmattr(DM_NO_SESSION, handle.hanp, handle.hlen, DM_NO_TOKEN, &kVdeaAttrName, sizeof buffer,
                          buffer, &returned_len);
+  // A read by handle opens the object first, and a failed open says ENOENT
+  // as an absent attribute does: only the directory itself can tell the two
+  // apart.
+  if (rc != 0 && errno == ENOENT) {
+    rc = dm_get_dmattr_fd(dir_fd, DM_NO_SESSION, DM_NO_TOKEN, &kVdeaAttrName, sizeof buffer, buffer,
+                          &returned_len);
+  }
   if (rc == 0) {
     VPrintf(3, "Dir has attributes.\n");
     check_event_mask(handle, dir_path, relation_point);

@@ -26,5 +26,6 @@ const char *DirEntries::next() {
   // record's length a multiple of 8.
   const auto *entry = reinterpret_cast<const struct dirent64 *>(buffer_.get() + offset_);
   offset_ += entry->d_reclen;
+  ino_ = entry->d_ino;
   return entry->d_name;
 }

@@ -17,10 +17,13 @@ class DirEntries {
   // The next entry's name ("." and ".." included), valid until the next
   // call; nullptr at the end (errno 0) or on a failed read (errno set).
   const char *next();
+  // The inode number of the entry that next() returned last.
+  unsigned long long ino() const { return ino_; }
 
  private:
   kx::UniqueFd fd_;
   std::unique_ptr<char[]> buffer_;
   std::size_t filled_ = 0;
   std::size_t offset_ = 0;
+  unsigned long long ino_ = 0;
 };

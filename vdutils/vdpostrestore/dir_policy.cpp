@@ -15,17 +15,26 @@ constexpr std::size_t kAnswerSize = 80;
 }  // namespace
 
 int get_dir_vdp(int dir_fd, const char *dir_path, const char *policy_path, OwnedVdp &loaded,
-                bool &has_vdpd_info) {
+                bool &has_vdpd_info, bool &policy_unknown) {
   has_vdpd_info = false;
+  policy_unknown = false;
   event_attr_t event_attr;
   size_t attr_len = 0;
   if (dm_get_dmattr_fd(dir_fd, DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof event_attr.raw, event_attr.raw,
                        &attr_len) != 0) {
-    if (errno != ENODATA && errno != ENOENT) {
-      ErrPrintf("Failed to get xattr for directory %s: %s.\n", ShownPath(dir_path).c_str(),
-                std::strerror(errno));
-    }
-    return 0;  // no policy of its own
+    if (errno == ENODATA || errno == ENOENT) return 0;  // no policy of its own
+    ErrPrintf("Failed to get xattr for directory %s: %s.\n", ShownPath(dir_path).c_str(),
+              std::strerror(errno));
+    // The directory may carry a policy that keeps copies of its files
+    // elsewhere: without knowing it, nothing below may go.
+    policy_unknown = true;
+    return 0;
+  }
+  if (attr_len < kBlkKeyEnd) {
+    ErrPrintf("Failed to get xattr for directory %s: %s.\n", ShownPath(dir_path).c_str(),
+              too_short_reason(attr_len).c_str());
+    policy_unknown = true;
+    return 0;
   }
   has_vdpd_info = true;
   char err_msg[kErrMsgSize] = {};

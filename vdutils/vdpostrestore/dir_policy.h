@@ -12,10 +12,14 @@
 // the policy API, on a handle opened on `policy_path` (the directory's
 // path, or one on the same file system when that is too long), into
 // `loaded`: result 0, or -1 (message written) when it cannot be;
-// has_vdpd_info is then true either way. The walk opens the directory, and
-// reports a failure to do so as "get_dir_vdp: Cannot open DIR, REASON".
+// has_vdpd_info is then true either way. A "BFST" that cannot be read for
+// another reason than its absence, or is too short to hold a key, leaves
+// the policy unknown (message written, result 0, policy_unknown true): the
+// walk then keeps everything below the directory. The walk opens the
+// directory, and reports a failure to do so as "get_dir_vdp: Cannot open
+// DIR, REASON".
 int get_dir_vdp(int dir_fd, const char *dir_path, const char *policy_path, OwnedVdp &loaded,
-                bool &has_vdpd_info);
+                bool &has_vdpd_info, bool &policy_unknown);
 
 // Asks once per run whether to keep deduplicated files; reads the answer
 // from `in`. Sets Preserve_dedup_files on "y"/"Y" or at end of input, and

@@ -8,11 +8,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "dir_attrs.h"
+#include "ancestors.h"
 #include "dir_entries.h"
-#include "dir_policy.h"
+#include "dir_view.h"
 #include "dir_state.h"
 #include "file_rules.h"
+#include "mount_root.h"
 #include "kxdmapi/kxdmapi_types.h"
 #include "libutil/dopanic.h"
 #include "path_buffer.h"
@@ -37,17 +38,23 @@ class Walker {
   explicit Walker(const char *root) { path_.assign(root); }
 
   bool run() {
+    VPrintf(1, "Processing directory %s.\n", ShownPath(path_.c_str()).c_str());
+    const DepthLevel level(depth_);
     // The mount point itself may be reached through a symbolic link, as the
     // administrator named it; nothing below it is.
-    return process_directory(AT_FDCWD, path_.c_str(), nullptr, nullptr, false);
+    kx::UniqueFd fd(open(path_.c_str(), kDirOpenFlags));
+    if (!fd) return fail_open(false);
+    struct stat stat_buff;
+    if (fstat(fd.get(), &stat_buff) != 0) return fail("stat directory");
+    KX_ASSERT(S_ISDIR(stat_buff.st_mode));
+    root_dev_ = stat_buff.st_dev;
+    StartContext context;
+    if (!read_ancestors(fd.get(), stat_buff, context)) return false;
+    return process_open_directory(std::move(fd), stat_buff, context.loaded.get(),
+                                  context.relation_point);
   }
 
  private:
-  kx::UniqueFd open_directory(int parent_fd, const char *name) const {
-    const int flags = parent_fd == AT_FDCWD ? kDirOpenFlags : kDirOpenFlags | O_NOFOLLOW;
-    return kx::UniqueFd(openat(parent_fd, name, flags));
-  }
-
   // "Failed to <what> <path>: <reason>." for the entry being examined.
   bool fail(const char *what) {
     const int err = errno;
@@ -93,24 +100,12 @@ class Walker {
   }
 
   // Works out the policy view and relation point of the directory open on
-  // `fd` (steps that precede reading its entries).
+  // `fd` (steps that precede reading its entries), and strips its own
+  // policy information where that is stale.
   bool examine_directory(int fd, const struct stat &dir_st, const Vdp_t *vdp, bool tsm_managed,
                          DirState &state) {
-    const dev_t dev = dir_st.st_dev;
-    if (vdp != nullptr) {
-      state.local_vdp = vdp;
-      state.has_vdpd_info = true;
-    } else if (get_dir_vdp(fd, path_.c_str(), policy_path(dev), state.loaded, state.has_vdpd_info) <
-               0) {
-      return false;
-    } else {
-      state.local_vdp = state.loaded.get();
-    }
-    derive_policy_flags(state);
-    if (state.dedup_enabled) ask_keep_dedup_files(stdin);
-    state.relation_point = tsm_managed;
-    // Below a relation point nothing needs asking again.
-    if (!tsm_managed && !get_dir_attrs(fd, path_.c_str(), dir_st.st_ino, state.relation_point)) {
+    if (!read_dir_view(fd, path_.c_str(), policy_path(dir_st.st_dev), dir_st.st_ino, vdp,
+                       tsm_managed, state)) {
       explain_descriptor_limit(errno);  // the requests open files by handle
       return false;
     }
@@ -118,11 +113,11 @@ class Walker {
     return true;
   }
 
-  // The directory opened must be the entry examined (`entry`, null for the
-  // mount point): one swapped in between, by a rename or a new directory in
-  // its place, would be walked with the policy view of another.
-  bool opened_as_examined(const struct stat &opened, const struct stat *entry) const {
-    if (entry != nullptr && (opened.st_dev != entry->st_dev || opened.st_ino != entry->st_ino)) {
+  // The directory opened must be the entry examined: one swapped in
+  // between, by a rename or a new directory in its place, would be walked
+  // with the policy view of another.
+  bool opened_as_examined(const struct stat &opened, const struct stat &entry) const {
+    if (opened.st_dev != entry.st_dev || opened.st_ino != entry.st_ino) {
       ErrPrintf("Directory %s changed while it was being processed.\n",
                 ShownPath(path_.c_str()).c_str());
       return false;
@@ -132,21 +127,23 @@ class Walker {
 
   // A record inherited from the parent (vdp) is the parent's; one loaded
   // here is freed when this directory is done.
-  bool process_directory(int parent_fd, const char *name, const struct stat *entry,
+  bool process_directory(int parent_fd, const char *name, const struct stat &entry,
                          const Vdp_t *vdp, bool tsm_managed) {
     VPrintf(1, "Processing directory %s.\n", ShownPath(path_.c_str()).c_str());
     const DepthLevel level(depth_);
-    kx::UniqueFd fd = open_directory(parent_fd, name);
+    kx::UniqueFd fd(openat(parent_fd, name, kDirOpenFlags | O_NOFOLLOW));
     if (!fd) return fail_open(vdp != nullptr);
     struct stat stat_buff;
     if (fstat(fd.get(), &stat_buff) != 0) return fail("stat directory");
     KX_ASSERT(S_ISDIR(stat_buff.st_mode));
     if (!opened_as_examined(stat_buff, entry)) return false;
-    if (entry == nullptr) root_dev_ = stat_buff.st_dev;
+    return process_open_directory(std::move(fd), stat_buff, vdp, tsm_managed);
+  }
 
+  bool process_open_directory(kx::UniqueFd fd, const struct stat &dir_st, const Vdp_t *vdp,
+                              bool tsm_managed) {
     DirState state;
-    if (!examine_directory(fd.get(), stat_buff, vdp, tsm_managed, state)) return false;
-
+    if (!examine_directory(fd.get(), dir_st, vdp, tsm_managed, state)) return false;
     VPrintf(4, "Calling opendir.\n");
     DirEntries entries(std::move(fd));
     return process_entries(entries, state);
@@ -177,12 +174,16 @@ class Walker {
 
   bool examine_entry(int dir_fd, const char *name, const DirState &state) {
     struct stat st;
-    if (fstatat(dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-      return fail("lstat file");
-    }
+    bool mount_root = false;
+    if (!stat_entry(dir_fd, name, st, mount_root)) return fail("lstat file");
     if (S_ISDIR(st.st_mode)) {
+      if (mount_root || st.st_dev != root_dev_) {
+        VPrintf(1, "Skipping directory %s: another mount is rooted there.\n",
+                ShownPath(path_.c_str()).c_str());
+        return true;
+      }
       VPrintf(3, "Recursing, found a directory.\n");
-      return process_directory(dir_fd, name, &st, state.local_vdp, state.relation_point);
+      return process_directory(dir_fd, name, st, state.local_vdp, state.relation_point);
     }
     if (S_ISREG(st.st_mode))
       return apply_file_rules(FileRef{dir_fd, name, path_.c_str()}, st, state);

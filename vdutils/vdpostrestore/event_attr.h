@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "kxdmapi/kxdmapi.h"
 
@@ -17,6 +18,16 @@ struct event_attr_t {
 };
 
 inline constexpr uint16_t kBlkFlagsStoredElsewhere = 0x0401;
+
+// A value shorter than the field the reader needs says nothing about it:
+// its missing bytes would read as zeros, a key of 0 or no stored copy.
+inline constexpr std::size_t kBlkKeyEnd = 8;
+inline constexpr std::size_t kBlkFlagsEnd = 14;
+
+// The reason printed for such a value.
+inline std::string too_short_reason(std::size_t len) {
+  return "value of " + std::to_string(len) + (len == 1 ? " byte" : " bytes") + " is too short";
+}
 
 constexpr uint64_t big_endian_field(const event_attr_t &attr, std::size_t offset,
                                     std::size_t size) {

@@ -17,7 +17,9 @@
 namespace {
 
 // Step f: the policy keeps copies elsewhere; the file goes only when its
-// attribute does not show that a copy exists.
+// attribute shows that no copy exists, or when it has none at all. A file
+// whose attribute cannot be read may hold the only way to its data, and
+// stays.
 bool check_stored_copy(const FileRef &file, const DirState &dir) {
   const char *where = dir.was_enabled ? "WAS" : "blockpool";
   switch (tag_objid_exists(file)) {
@@ -27,10 +29,19 @@ bool check_stored_copy(const FileRef &file, const DirState &dir) {
     case StoredElsewhere::kNo:
       VPrintf(3, "  Truncated file under WAS policy, but not stored to %s.\n", where);
       return remove_file(file);
-    case StoredElsewhere::kUnreadable:
-      break;
+    case StoredElsewhere::kNeverStored:
+      return remove_file(file);
+    case StoredElsewhere::kUnknown:
+      VPrintf(3, "  Cannot tell whether the file is stored to %s, Skipping\n", where);
+      return true;
   }
-  return remove_file(file);
+  return true;
+}
+
+StoredElsewhere unreadable_bfst(const FileRef &file, const char *reason, bool absent) {
+  ErrPrintf("Unable to obtain BFST EA for vdpolicyd managed file %s: %s\n",
+            ShownPath(file.path).c_str(), reason);
+  return absent ? StoredElsewhere::kNeverStored : StoredElsewhere::kUnknown;
 }
 
 }  // namespace
@@ -75,17 +86,17 @@ StoredElsewhere tag_objid_exists(const FileRef &file) {
     int err = errno;
     ErrPrintf("Cannot open WAS managed file %s, errno=%d: %s\n", ShownPath(file.path).c_str(), err,
               std::strerror(err));
-    return StoredElsewhere::kUnreadable;
+    return StoredElsewhere::kUnknown;
   }
   event_attr_t event_attr;
   size_t attr_len = 0;
   if (dm_get_dmattr_fd(fd.get(), DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof event_attr.raw, event_attr.raw,
                        &attr_len) != 0) {
-    int err = errno;
-    ErrPrintf("Unable to obtain BFST EA for vdpolicyd managed file %s: %s\n",
-              ShownPath(file.path).c_str(), std::strerror(err));
-    return StoredElsewhere::kUnreadable;
+    // Only ENODATA says that the file never had a stored copy recorded.
+    const int err = errno;
+    return unreadable_bfst(file, std::strerror(err), err == ENODATA);
   }
+  if (attr_len < kBlkFlagsEnd) return unreadable_bfst(file, too_short_reason(attr_len).c_str(), false);
   return (blk_flags(event_attr) & kBlkFlagsStoredElsewhere) != 0 ? StoredElsewhere::kYes
                                                                  : StoredElsewhere::kNo;
 }

@@ -27,7 +27,9 @@ struct FileRef {
 // removed is not logged.
 [[nodiscard]] bool remove_file(const FileRef &file);
 
-enum class StoredElsewhere { kYes, kNo, kUnreadable };
+// kNeverStored: the file has no "BFST" at all; kUnknown: it could not be
+// opened or its "BFST" could not be read (message written).
+enum class StoredElsewhere { kYes, kNo, kNeverStored, kUnknown };
 
 // Whether the file's "BFST" attribute says that its data is stored in the
 // blockpool or in object storage.

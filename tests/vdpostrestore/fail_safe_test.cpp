@@ -1,0 +1,186 @@
+// What a hostile administrator tries: every request the tool makes failing
+// with every errno that matters, at the start and in the middle of the walk,
+// and a run started from every directory. Whatever happens, the tool
+// removes no file that a clean run over the whole tree keeps, logs every
+// file it removes, and never ends a run that printed a fatal message with
+// status 0.
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "tool_fixture.h"
+
+namespace {
+
+using toolrun::CmdResult;
+using toolrun::ToolFs;
+using Files = std::set<std::string>;
+
+// Messages after which the run must not end with status 0.
+constexpr const char *kFatalMessages[] = {
+    "Failed to init dm session",        "Failed to stat directory",
+    "Failed to open directory",         "get_dir_vdp: Cannot open",
+    "Failed to get path-to-handle",     "Failed to lstat file",
+    "Failed to remove file",            "Unable to open vdpolicy",
+    "Unable to obtain vdpolicy information", "Failed to read directory",
+    "changed while it was being processed", "Failed to find the file system",
+    "Cannot place",                     "Failed to write logfile",
+};
+
+// A small restored managed file system: relation point, keyed directories
+// of every kind of policy (deduplicating and object-store ones among them),
+// stored and unstored blockless files. The populator's seed is fixed, so
+// every instance holds the same tree.
+class ManagedTree : public ToolFs {
+ public:
+  ManagedTree() {
+    sim({"populate", mnt(), "--managed", "--dirs", "3", "--files", "30", "--keys", "4",
+         "--keyed-dirs", "1", "--managed-files", "12"});
+  }
+  // Regular files below the mount point, relative to it.
+  Files files() const {
+    Files all;
+    for (const auto &e : std::filesystem::recursive_directory_iterator(mnt())) {
+      if (e.is_regular_file()) all.insert(e.path().string().substr(mnt().size() + 1));
+    }
+    return all;
+  }
+  // `vdpostrestore OPTIONS... -f log start` under the tree's object-storage
+  // configuration; standard input is at its end, so the deduplication
+  // question keeps deduplicated files.
+  CmdResult run_on(const std::string &start, std::vector<std::string> options,
+                   const std::string &faults = "") const {
+    vdtest::RunOptions opts;
+    opts.env["KXFSCONF"] = config() + ".state/conf";
+    options.insert(options.end(), {"-f", log_path(), start});
+    return tool(options, faults, opts);
+  }
+  // The files the log lists after its header (which ends with a blank
+  // line), relative to the mount point.
+  Files logged_files() const {
+    const std::string text = log();
+    const std::size_t body = text.find("\n\n");
+    Files listed;
+    if (body == std::string::npos) return listed;
+    for (const std::string &path : vdtest::SplitLines(text.substr(body + 2))) {
+      listed.insert(path.substr(mnt().size() + 1));
+    }
+    return listed;
+  }
+};
+
+Files minus(const Files &a, const Files &b) {
+  Files d;
+  for (const auto &f : a) {
+    if (!b.count(f)) d.insert(f);
+  }
+  return d;
+}
+
+bool printed_fatal_message(const std::string &err) {
+  for (const char *message : kFatalMessages) {
+    if (err.find(message) != std::string::npos) return true;
+  }
+  return false;
+}
+
+// The removals of a clean -r run, and the requests it made: how often each
+// request kind, code and attribute or representation name came.
+struct Baseline {
+  Files removed;
+  std::map<std::string, int> requests;  // "kind=ioctl,code=0x40e,name=BFST" -> count
+};
+
+std::string request_rule(const std::string &log_line) {
+  std::istringstream words(log_line);
+  std::string kind, code, word, rule;
+  if (!(words >> kind >> code)) return rule;
+  rule = "kind=" + kind;
+  // Opens and unlinks carry no request code.
+  if (kind == "ioctl" || kind == "dmig") rule += ",code=" + code;
+  while (words >> word) {
+    if (word.starts_with("name=")) rule += "," + word;
+  }
+  return rule;
+}
+
+Baseline clean_run() {
+  Baseline b;
+  ManagedTree tree;
+  const Files before = tree.files();
+  CmdResult r = tree.run_on(tree.mnt(), {"-r"});
+  EXPECT_EQ(0, r.exit_code) << r.err;
+  EXPECT_EQ("", r.err);
+  b.removed = minus(before, tree.files());
+  for (const std::string &line : tree.LogLines()) {
+    if (std::string rule = request_rule(line); !rule.empty()) ++b.requests[rule];
+  }
+  return b;
+}
+
+// Every matching request fails; or single requests fail, one in every
+// kStride from `first` on, so that the errno tests between them hit each
+// one once in the middle of a walk that goes on.
+constexpr int kStride = 5;
+std::vector<std::string> fault_rules(const std::string &request, int count, int first,
+                                     const std::string &err) {
+  std::string spread;
+  for (int skip = first; skip < count; skip += kStride) {
+    if (!spread.empty()) spread += ';';
+    spread += request + ",skip=" + std::to_string(skip) + ",count=1,errno=" + err;
+  }
+  return {request + ",errno=" + err, spread};
+}
+
+class PostRestoreFaultSweepTest : public ::testing::TestWithParam<int> {};
+
+TEST_P(PostRestoreFaultSweepTest, FaultsNeverRemoveWhatACleanRunKeeps) {
+  static const Baseline baseline = clean_run();
+  ASSERT_FALSE(baseline.removed.empty());
+  const char *const errs[kStride] = {"EIO", "ENOMEM", "EACCES", "ESTALE", "ENOENT"};
+  const std::string err = errs[GetParam()];
+  for (const auto &[request, count] : baseline.requests) {
+    // ENOENT is the driver's word for an absent attribute, which a clean
+    // run may act on.
+    if (err == "ENOENT" && request.find("0x40e") != std::string::npos) continue;
+    for (const std::string &rules : fault_rules(request, count, GetParam(), err)) {
+      if (rules.empty()) continue;
+      ManagedTree tree;
+      const Files before = tree.files();
+      CmdResult r = tree.run_on(tree.mnt(), {"-r"}, rules);
+      const Files removed = minus(before, tree.files());
+      EXPECT_EQ(Files{}, minus(removed, baseline.removed)) << rules << "\n" << r.err;
+      EXPECT_EQ(removed, tree.logged_files()) << rules;
+      EXPECT_TRUE(r.exit_code != 0 || !printed_fatal_message(r.err)) << rules << "\n" << r.err;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Errnos, PostRestoreFaultSweepTest, ::testing::Range(0, kStride));
+
+// A run on any directory reports exactly what a run on the whole tree
+// reports below it: relation points and policies above the start govern it.
+TEST(PostRestoreSubtreeTest, EveryStartDirectoryIsJudgedAsInTheWholeTree) {
+  ManagedTree tree;
+  ASSERT_EQ(0, tree.run_on(tree.mnt(), {"-p"}).exit_code);
+  const Files whole = tree.logged_files();
+  ASSERT_FALSE(whole.empty());
+  int starts = 0;
+  for (const auto &e : std::filesystem::recursive_directory_iterator(tree.mnt())) {
+    if (!e.is_directory() || e.is_symlink()) continue;
+    const std::string rel = e.path().string().substr(tree.mnt().size() + 1);
+    Files expected;
+    for (const auto &f : whole) {
+      if (f.starts_with(rel + "/")) expected.insert(f);
+    }
+    // -p changes nothing, so every run sees the same tree.
+    CmdResult r = tree.run_on(e.path().string(), {"-p"});
+    ASSERT_EQ(0, r.exit_code) << rel << ": " << r.err;
+    EXPECT_EQ(expected, tree.logged_files()) << "started at " << rel;
+    ++starts;
+  }
+  EXPECT_GT(starts, 10);
+}
+
+}  // namespace
