@@ -87,8 +87,11 @@ TEST_F(PostRestoreManagedTest, ObjectStoreFilesAreKeptByTheirFlags) {
   fs.blockless("w/plain", 100);
   fs.bfst("w/plain", 0);
   fs.blockless("w/noattr", 100);
+  // Flags end at byte 14: a value one byte shorter says nothing about them.
   fs.blockless("w/short", 100);
-  fs.sim({"attr", "set", fs.Path("w/short"), "BFST", "0000000000000000000000"});
+  fs.sim({"attr", "set", fs.Path("w/short"), "BFST", "00000000000000000000000004"});
+  fs.blockless("w/exact", 100);
+  fs.sim({"attr", "set", fs.Path("w/exact"), "BFST", "0000000000000000000000000400"});
   ASSERT_TRUE(fs.MakeDir("odd"));
   fs.sim({"attr", "set", fs.Path("odd"), "BFST", "08"});
   fs.blockless("odd/sub/f", 100);
@@ -101,9 +104,9 @@ TEST_F(PostRestoreManagedTest, ObjectStoreFilesAreKeptByTheirFlags) {
                     "Unable to obtain BFST EA for vdpolicyd managed file " + fs.Path("w/noattr") +
                         ": No data available",
                     "Unable to obtain BFST EA for vdpolicyd managed file " + fs.Path("w/short") +
-                        ": value of 11 bytes is too short"}),
+                        ": value of 13 bytes is too short"}),
             sorted(vdtest::SplitLines(r.err)));
-  EXPECT_EQ(1u, grep(r.out, "  Truncated file stored to WAS, Skipping").size());
+  EXPECT_EQ(2u, grep(r.out, "  Truncated file stored to WAS, Skipping").size());
   EXPECT_EQ(1u, grep(r.out, "  Truncated file under WAS policy, but not stored to WAS.").size());
   EXPECT_EQ(sorted({fs.Path("w/noattr"), fs.Path("w/plain")}), fs.logged());
   EXPECT_TRUE(has_bfst("w/stored"));
