@@ -2,6 +2,9 @@
 // what a missing, truncated or broken file gives, inheritance as a loaded
 // record shows it, chains that loop or run too deep, and when the cache
 // reads a file again.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <csignal>
 
 #include "policy_fixture.h"
@@ -59,6 +62,30 @@ TEST_F(PolicyStoreTest, MissingOrBlocklessFilesFailOnlyForKeysFromFour) {
   EXPECT_EQ("Policy file for key 8 is truncated.\n\n", LastError());
   Load(0, "named");
   EXPECT_EQ("Policy file for policy named  is truncated.\n\n", LastError());
+}
+
+// Anything but plain text is refused with a message naming the file, and
+// nothing blocks: a FIFO in a policy's place would stop every lookup for
+// good, and a NUL or a device would read as a weaker policy.
+TEST_F(PolicyStoreTest, FilesThatAreNotPlainTextAreRefused) {
+  const std::string dir = fs.Path(".rep_private/config");
+  Write("key_11", std::string(64, '\0'));
+  Write("key_12", std::string("objs=on,\0trunc=on\n", 18));
+  ASSERT_EQ(0, symlink("/dev/zero", (dir + "/key_13").c_str()));
+  ASSERT_EQ(0, mkfifo((dir + "/key_14").c_str(), 0600));
+  const struct {
+    vdp_key_t key;
+    std::string reason;
+  } cases[] = {
+      {11, "key_11 holds a NUL byte at offset 0.\n"},
+      {12, "key_12 holds a NUL byte at offset 8.\n"},
+      {13, "key_13 is not a regular file.\n"},
+      {14, "key_14 is not a regular file.\n"},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ("2: VDPOL: ERROR(2): lookup_policy: key = " + std::to_string(c.key), Load(c.key));
+    EXPECT_EQ("Policy file " + dir + "/" + c.reason + "\n", LastError()) << c.key;
+  }
 }
 
 TEST_F(PolicyStoreTest, SyntaxAndValidationFailuresAreLoggedAndLoadNothing) {

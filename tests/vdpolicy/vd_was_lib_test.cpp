@@ -161,6 +161,11 @@ TEST_F(ObjsConfTest, UnreadableFile) {
   EXPECT_EQ("Unable to parse OBJS configuration file(@): Cannot open OBJS config file",
             ParseFile(fifo));  // must not block
   unlink(fifo.c_str());
+  const std::string nul = g_conf_dir + "/nul";
+  std::ofstream(nul) << std::string("objs_id=c1,\0provider=AmazonS3\n", 31);
+  EXPECT_EQ("Unable to parse OBJS configuration file(@): OBJS config file holds a NUL byte",
+            ParseFile(nul));
+  unlink(nul.c_str());
   EXPECT_EQ(-1, parse_objs_config_file(g_conf_path.c_str(), &info_, nullptr));
 }
 
@@ -244,12 +249,12 @@ TEST_F(ObjsConfTest, DirectCalls) {
   was_config_param_destroy(nullptr);
 }
 
-// Found by fuzzing: an empty identifier, a NUL byte inside a line (the rest
-// of that line is not read) and a range that fills the endpoint table.
-TEST_F(ObjsConfTest, EmptyIdentifierAndNulByteFromFuzzing) {
+// Found by fuzzing: an empty identifier, a carriage return inside a value
+// and a range that fills the endpoint table. (A NUL byte, also found so, now
+// refuses the whole file.)
+TEST_F(ObjsConfTest, EmptyIdentifierFromFuzzing) {
   static const char kInput[] =
-      "objs_id=,access_host_ports=aAmazonS3:1-256|b,namespaces=n@accesshost_portmse\r\0es=sVH"
-      "\x89\xe5=z\n";
+      "objs_id=,access_host_ports=aAmazonS3:1-256|b,namespaces=n@accesshost_portmse\r\n";
   ASSERT_EQ("OK 1", Parse(std::string(kInput, sizeof kInput - 1)));
   EXPECT_STREQ("", info_.config[0]->cloud_id);
   EXPECT_EQ(CLA_MAX_HOST_PORTS, info_.config[0]->hosts_cnt);

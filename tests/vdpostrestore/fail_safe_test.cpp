@@ -4,7 +4,12 @@
 // removes no file that a clean run over the whole tree keeps, logs every
 // file it removes, and never ends a run that printed a fatal message with
 // status 0.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <set>
 #include <sstream>
@@ -158,6 +163,34 @@ TEST_P(PostRestoreFaultSweepTest, FaultsNeverRemoveWhatACleanRunKeeps) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Errnos, PostRestoreFaultSweepTest, ::testing::Range(0, kStride));
+
+// A corrupt policy file is no weaker policy: the run stops at the first
+// directory it governs, having removed nothing that a clean run keeps.
+TEST(PostRestoreCorruptPolicyTest, CorruptPolicyFilesRemoveNothingACleanRunKeeps) {
+  static const Baseline baseline = clean_run();
+  const struct {
+    const char *what;
+    std::function<void(const std::string &)> corrupt;
+  } corruptions[] = {
+      {"zeros", [](const std::string &f) { std::ofstream(f) << std::string(64, '\0'); }},
+      {"NUL", [](const std::string &f) { std::ofstream(f, std::ios::app) << '\0' << "x\n"; }},
+      {"/dev/zero", [](const std::string &f) { ::unlink(f.c_str()), ::symlink("/dev/zero", f.c_str()); }},
+      {"FIFO", [](const std::string &f) { ::unlink(f.c_str()), ::mkfifo(f.c_str(), 0600); }},
+  };
+  for (const char *key : {"key_101", "key_102", "key_103", "key_104"}) {
+    for (const auto &c : corruptions) {
+      ManagedTree tree;
+      c.corrupt(tree.Path(".rep_private/config/") + key);
+      const Files before = tree.files();
+      CmdResult r = tree.run_on(tree.mnt(), {"-r"});
+      const Files removed = minus(before, tree.files());
+      EXPECT_EQ(1, r.exit_code) << key << " " << c.what;
+      EXPECT_NE(std::string::npos, r.err.find("Policy file ")) << key << " " << c.what << r.err;
+      EXPECT_EQ(Files{}, minus(removed, baseline.removed)) << key << " " << c.what;
+      EXPECT_EQ(removed, tree.logged_files()) << key << " " << c.what;
+    }
+  }
+}
 
 // A run on any directory reports exactly what a run on the whole tree
 // reports below it: relation points and policies above the start govern it.

@@ -217,7 +217,9 @@ bool ReadWhole(const char *path, off_t size, std::string *text, std::string *why
   std::unique_ptr<char, decltype(&free)> buf(
       static_cast<char *>(malloc(static_cast<size_t>(size) + 1)), &free);
   if (!buf) return *why = "Cannot malloc OBJS config file buffer", false;
-  kx::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+  // O_NONBLOCK: a FIFO put in the file's place since the stat must not
+  // block the reader.
+  kx::UniqueFd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (fd.get() < 0) return *why = "Cannot open OBJS config file", false;
   size_t got = 0;
   while (got < static_cast<size_t>(size)) {
@@ -227,6 +229,9 @@ bool ReadWhole(const char *path, off_t size, std::string *text, std::string *why
     if (n == 0) break;  // the file shrank since stat
     got += static_cast<size_t>(n);
   }
+  // A NUL would end a line early and drop the options after it.
+  if (std::memchr(buf.get(), '\0', got) != nullptr)
+    return *why = "OBJS config file holds a NUL byte", false;
   text->assign(buf.get(), got);
   return true;
 }

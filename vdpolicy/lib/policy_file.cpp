@@ -13,6 +13,7 @@
 
 #include "libutil/kxlog.h"
 #include "libutil/snprintf.h"
+#include "libutil/unique_fd.h"
 #include "vdpolicy/lib/policy.h"
 #include "vdpolicy/lib/policy_dir_cache.h"
 #include "vdpolicy/lib/policy_internal.h"
@@ -81,6 +82,12 @@ Text read_and_parse(const FileLoad &load) {
     }
     return Text::no_file;
   }
+  // Anything but a regular file (a FIFO would block the reader for good, a
+  // device such as /dev/zero would read as an empty policy) is no policy.
+  if (!S_ISREG(st.st_mode)) {
+    load.fail("Policy file %s is not a regular file.\n", path.get());
+    return Text::failed;
+  }
   // A metadata-only restore brings a policy file back with its size but
   // without its data: such a file reads as zeros and must not be trusted.
   if (st.st_blocks * 512 < st.st_size) {
@@ -101,11 +108,24 @@ Text read_and_parse(const FileLoad &load) {
     load.fail("memory allocation failure");
     return Text::failed;
   }
-  int fd = open(path.get(), O_RDONLY | O_CLOEXEC);
-  ssize_t got = fd >= 0 ? read(fd, text.get(), size) : -1;
-  if (fd >= 0) close(fd);
+  // O_NONBLOCK: the file may have been replaced by a FIFO since the stat.
+  kx::UniqueFd fd(open(path.get(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat opened {};
+  if (fd && (fstat(fd.get(), &opened) != 0 || opened.st_dev != st.st_dev ||
+             opened.st_ino != st.st_ino)) {
+    load.fail("Policy file %s changed while it was read.\n", path.get());
+    return Text::failed;
+  }
+  ssize_t got = fd ? read(fd.get(), text.get(), size) : -1;
   if (got < 0 || static_cast<std::size_t>(got) != size) {
     load.fail("Failed to read policy file");
+    return Text::failed;
+  }
+  // A policy is text: a NUL would end it early and leave a weaker policy
+  // (a file of zeros reads as no options at all).
+  if (const void *nul = std::memchr(text.get(), '\0', size); nul != nullptr) {
+    load.fail("Policy file %s holds a NUL byte at offset %zu.\n", path.get(),
+              static_cast<std::size_t>(static_cast<const char *>(nul) - text.get()));
     return Text::failed;
   }
   text.get()[size] = '\0';
