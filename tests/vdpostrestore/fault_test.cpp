@@ -3,9 +3,11 @@
 // Whatever fails, a file is gone only if the log names it: the log is
 // written ahead of each unlink, and never with a half line.
 #include <signal.h>
+#include <unistd.h>
 #include <sys/stat.h>
 
 #include <cstring>
+#include <fstream>
 #include <set>
 #include <utility>
 
@@ -68,17 +70,47 @@ TEST_F(PostRestoreFaultTest, FailuresThatEndTheRunOrAreReported) {
   }
 }
 
-// The log is the only record of what was reported; losing it must not pass
-// for a complete run, and with -r nothing may go unrecorded.
-TEST_F(PostRestoreFaultTest, UnwritableLogFailsTheRun) {
+// The log is the only record of what was reported: a log that is no
+// regular file (where lines vanish, or a FIFO that would block the run for
+// good) is refused before anything is done, and so is a link that any user
+// could have planted in a shared directory to have root truncate its
+// target.
+TEST_F(PostRestoreFaultTest, LogThatIsNoPlaceForALogIsRefusedAtOnce) {
   fs.blockless("d1/f", 100);
-  for (auto args : {std::vector<std::string>{}, {"-r"}}) {
-    args.insert(args.end(), {"-f", "/dev/full", fs.mnt()});
-    CmdResult r = fs.tool(args);
+  const std::string fifo = fs.root() + "/fifo", shared = fs.root() + "/shared";
+  const std::string victim = fs.root() + "/victim", planted = shared + "/planted";
+  ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+  ASSERT_EQ(0, ::mkdir(shared.c_str(), 01777));
+  ASSERT_EQ(0, ::chmod(shared.c_str(), 01777));
+  std::ofstream(victim) << "precious\n";
+  ASSERT_EQ(0, ::symlink(victim.c_str(), planted.c_str()));
+  ASSERT_EQ(0, ::lchown(planted.c_str(), 65534, 65534));
+  const std::pair<std::string, std::string> cases[] = {
+      {"/dev/full", "/dev/full is not a regular file"},
+      {fifo, fifo + " is not a regular file"},
+      {planted, planted + " is a symbolic link in a world-writable sticky directory, owned by "
+                          "neither root nor the directory's owner"},
+  };
+  for (const auto &[log, reason] : cases) {
+    CmdResult r = fs.tool({"-r", "-f", log, fs.mnt()});
     EXPECT_EQ(1, r.exit_code);
-    EXPECT_EQ("Failed to write logfile /dev/full: No space left on device.\n", r.err);
+    EXPECT_EQ("Failed to open logfile /usr/vexo/logs/vdpostrestore.out: " + reason + ".\n", r.err);
   }
+  EXPECT_EQ("precious\n", vdtest::ReadFile(victim));
   EXPECT_TRUE(fs.Exists("d1/f")) << "nothing may be removed without a log";
+  // The same link made by root is followed, as always.
+  ASSERT_EQ(0, ::lchown(planted.c_str(), 0, 0));
+  EXPECT_EQ(0, fs.tool({"-f", planted, fs.mnt()}).exit_code);
+  EXPECT_EQ(log_header(fs.mnt(), false) + fs.Path("d1/f") + "\n", vdtest::ReadFile(victim));
+}
+
+// With standard output closed, the log would be opened on its number and
+// receive the progress messages.
+TEST_F(PostRestoreFaultTest, ClosedStandardOutputKeepsMessagesOutOfTheLog) {
+  fs.blockless("d1/f", 100);
+  CmdResult r = fs.run({"-r"}, "", {}, {"/bin/sh", "-c", "exec \"$@\" >&-", "sh"});
+  EXPECT_EQ(0, r.exit_code) << r.err;
+  EXPECT_EQ(log_header(fs.mnt(), true) + fs.Path("d1/f") + "\n", fs.log());
 }
 
 class PostRestoreRemovalTest : public toolrun::ToolTest {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <string>
 
 #include "dir_policy.h"
 #include "options.h"
@@ -47,13 +48,54 @@ TEST(PostRestoreDedupQuestionTest, AnswersAndEndOfInput) {
   Verbosity = 1;
 }
 
-// Paths with line breaks are shell-quoted; every other path is shown as it is.
-TEST(ShownPathTest, OnlyLineBreaksCauseQuoting) {
-  const char *plain = "/fs/a b\t\xc3\xa9\xff/x";  // blank, tab, UTF-8, invalid UTF-8
-  EXPECT_EQ(plain, ShownPath(plain).c_str()) << "shown unchanged, not copied";
-  EXPECT_STREQ("$'/fs/nl\\n/fs/keep_me'", ShownPath("/fs/nl\n/fs/keep_me").c_str());
-  EXPECT_STREQ("$'/fs/cr\\r\\t\\\\\\'\\x01\\x7f\xc3\xa9'",
-               ShownPath("/fs/cr\r\t\\'\x01\x7f\xc3\xa9").c_str());
+// The bytes that $'...' quoting stands for (what a shell would read).
+std::string unquote(const std::string &shown) {
+  if (!shown.starts_with("$'")) return shown;
+  std::string out;
+  for (std::size_t i = 2; i + 1 < shown.size(); ++i) {
+    if (shown[i] != '\\') {
+      out += shown[i];
+      continue;
+    }
+    const char c = shown[++i];
+    if (c == 'x') {
+      out += static_cast<char>(std::stoi(shown.substr(i + 1, 2), nullptr, 16));
+      i += 2;
+    } else {
+      out += c == 'n' ? '\n' : c == 'r' ? '\r' : c == 't' ? '\t' : c;
+    }
+  }
+  return out;
+}
+
+// A path is shown as it is unless a reader could not take it back exactly:
+// control bytes, bytes that are not UTF-8, or a leading "$'". Quoted or not,
+// every shown path reads back as the exact bytes of the name.
+TEST(ShownPathTest, QuotedOnlyWhereNeededAndAlwaysReadsBack) {
+  const struct {
+    const char *path, *shown;  // shown null: as it is
+  } cases[] = {
+      {"/fs/a b/\xc3\xa9/\xf0\x9f\x98\x80", nullptr},  // blank, é, an emoji
+      {"/fs/x$'y'", nullptr},
+      {"/fs/nl\n/fs/keep_me", "$'/fs/nl\\n/fs/keep_me'"},
+      {"/fs/tab\t", "$'/fs/tab\\t'"},
+      {"/fs/cr\r\\'\x01\x7f\xc3\xa9", "$'/fs/cr\\r\\\\\\'\\x01\\x7f\xc3\xa9'"},
+      {"/fs/\x80", "$'/fs/\\x80'"},                   // a lone continuation byte
+      {"/fs/\xc3", "$'/fs/\\xc3'"},                   // a sequence cut short
+      {"/fs/\xc0\xaf", "$'/fs/\\xc0\\xaf'"},           // an overlong '/'
+      {"/fs/\xed\xa0\x80", "$'/fs/\\xed\\xa0\\x80'"},  // a surrogate
+      {"/fs/\xf4\x90\x80\x80", "$'/fs/\\xf4\\x90\\x80\\x80'"},  // beyond U+10FFFF
+      {"$'x'", "$'$\\'x\\''"},
+  };
+  for (const auto &c : cases) {
+    const ShownPath shown(c.path);
+    if (c.shown == nullptr) {
+      EXPECT_EQ(c.path, shown.c_str()) << "shown unchanged, not copied: " << c.path;
+    } else {
+      EXPECT_STREQ(c.shown, shown.c_str());
+    }
+    EXPECT_EQ(c.path, unquote(shown.c_str()));
+  }
 }
 
 }  // namespace

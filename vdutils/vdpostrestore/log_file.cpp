@@ -1,6 +1,8 @@
 // The log file: the record of every file that the run reported or removed.
 #include "log_file.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -46,16 +48,65 @@ bool write_all(int fd, const char *data, size_t size) {
   return true;
 }
 
+// The kernel's protected-symlinks rule, which a system may have switched
+// off: in a world-writable sticky directory, root follows only a link that
+// root or the directory's owner made. Any user could plant another and have
+// root truncate what it points to.
+bool planted_link(int dir_fd, const char *path, const char *name, std::string &reason) {
+  struct stat dir {}, link {};
+  if (fstat(dir_fd, &dir) != 0 || fstatat(dir_fd, name, &link, AT_SYMLINK_NOFOLLOW) != 0 ||
+      !S_ISLNK(link.st_mode)) {
+    return false;
+  }
+  const bool shared = (dir.st_mode & S_ISVTX) != 0 && (dir.st_mode & S_IWOTH) != 0;
+  if (!shared || link.st_uid == 0 || link.st_uid == dir.st_uid) return false;
+  reason = std::string(path) +
+           " is a symbolic link in a world-writable sticky directory, owned by neither root nor "
+           "the directory's owner";
+  return true;
+}
+
 }  // namespace
 
+kx::UniqueFd open_log_descriptor(const char *path, std::string &reason) {
+  const char *slash = std::strrchr(path, '/');
+  const std::string dir = slash == nullptr ? "." : slash == path ? "/" : std::string(path, slash);
+  const char *name = slash == nullptr ? path : slash + 1;
+  kx::UniqueFd dir_fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dir_fd) return dir_fd;
+  if (planted_link(dir_fd.get(), path, name, reason)) return kx::UniqueFd();
+  // Not truncated yet, and not blocking: a FIFO would wait for a reader,
+  // a device would take the lines somewhere no one reads them.
+  kx::UniqueFd fd(openat(dir_fd.get(), name,
+                         O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+  struct stat st {};
+  if (!fd && errno == ENXIO) {  // a FIFO without a reader
+    reason = std::string(path) + " is not a regular file";
+    return fd;
+  }
+  if (!fd || fstat(fd.get(), &st) != 0) return kx::UniqueFd();
+  if (!S_ISREG(st.st_mode)) {
+    reason = std::string(path) + " is not a regular file";
+    return kx::UniqueFd();
+  }
+  const int flags = fcntl(fd.get(), F_GETFL);
+  if (ftruncate(fd.get(), 0) != 0 || flags < 0 || fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0)
+    return kx::UniqueFd();
+  return fd;
+}
+
 bool open_log_file() {
-  LogFile = std::fopen(LogFileName, "we");
+  std::string reason;
+  kx::UniqueFd fd = open_log_descriptor(LogFileName, reason);
+  if (fd) LogFile = fdopen(fd.get(), "w");
   if (LogFile == nullptr) {
     // The message has always named the default log; administrators' scripts
     // match it, so it stays so even when -f chose another file.
-    ErrPrintf("Failed to open logfile %s: %s.\n", kDefaultLogFile, std::strerror(errno));
+    ErrPrintf("Failed to open logfile %s: %s.\n", kDefaultLogFile,
+              reason.empty() ? std::strerror(errno) : reason.c_str());
     return false;
   }
+  (void)fd.release();  // the stream owns it now
   // A failed write shows in the stream's error state, checked on flushing.
   (void)std::fprintf(LogFile,
                      "Files with no allocated blocks in non-managed directories under %s.\n"

@@ -7,6 +7,18 @@
 // nothing and keeps the stream buffered.
 #pragma once
 
+#include <string>
+
+#include "libutil/unique_fd.h"
+
+// Opens `path` for writing as fopen(path, "w") would (created or
+// truncated, following a symbolic link), but refuses without blocking what
+// is no place for a log: anything but a regular file (a FIFO, a socket, a
+// device), and a symbolic link that the kernel's protected-symlinks rule
+// would not let root follow. An invalid descriptor on failure, with
+// `reason` set for a refusal (else errno).
+kx::UniqueFd open_log_descriptor(const char *path, std::string &reason);
+
 // Opens LogFileName for writing (created or truncated) into LogFile and
 // writes the header. False, with the message written, when it cannot be
 // opened or (with -r) when the header cannot be written.

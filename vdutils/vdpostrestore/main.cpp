@@ -3,7 +3,9 @@
 // Start-up, in order: privilege check, command line, log file and header,
 // mount point check, DMAPI session and version check; then the walk. Every
 // failure ends the run with exit status 1; -h ends it with 0.
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -88,8 +90,19 @@ int run(int argc, char **argv) {
   return finish_log_file() ? 0 : 1;
 }
 
+// A closed standard stream would hand its number to the next file opened:
+// with standard output closed, the log would receive the progress messages.
+bool standard_streams_open() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+    if (open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY) != fd) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (!standard_streams_open()) return 1;
   return run(argc, argv);
 }

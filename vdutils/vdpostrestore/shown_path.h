@@ -1,9 +1,11 @@
-// Paths as the tool prints them. A path that holds a line feed or a
-// carriage return would split one line into two and could name a file that
-// was never touched; it is written in shell quoting instead ($'...' with
-// \n, \r, \t, \\, \' and \xHH for other control bytes), so that every line
-// names exactly one file and can be pasted into a shell. Every other path is
-// written exactly as it is.
+// Paths as the tool prints them. A path that holds a control byte (a line
+// feed would split one line into two and could name a file that was never
+// touched), that is not valid UTF-8, or that begins with "$'" is written in
+// shell quoting instead: $'...' with \n, \r, \t, \\, \' and \xHH for other
+// control bytes and for bytes that are not part of a UTF-8 character, so
+// that every line names exactly one file, can be parsed back into its exact
+// bytes and can be pasted into a shell. Every other path is written exactly
+// as it is.
 #pragma once
 
 #include <string>
