@@ -27,6 +27,16 @@ const Mount *Config::find_by_path(std::string_view path) const {
   return best;
 }
 
+const Mount *Config::find_by_device(std::uint64_t dev) const {
+  const Mount *found = nullptr;
+  for (const Mount &m : mounts) {
+    if (m.dev != dev) continue;
+    if (found != nullptr) return nullptr;
+    found = &m;
+  }
+  return found;
+}
+
 const Mount *Config::find_by_fsid(std::uint64_t fsid) const {
   for (const Mount &m : mounts) {
     if (m.fsid == fsid) return &m;

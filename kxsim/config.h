@@ -28,6 +28,8 @@ struct Config {
 
   // The mount holding an absolute canonical path (longest match), or null.
   const Mount *find_by_path(std::string_view path) const;
+  // The one mount on device `dev`; null when none is, or several are.
+  const Mount *find_by_device(std::uint64_t dev) const;
   const Mount *find_by_fsid(std::uint64_t fsid) const;
 };
 

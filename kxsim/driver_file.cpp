@@ -147,10 +147,23 @@ bool is_file_request(unsigned long request) {
   }
 }
 
+// A file deeper than the kernel names has no path to place it by: it is
+// the mount's when only one simulated mount lives on its device (a driver
+// knows its objects without any path). Its path in the request log and in
+// fault rules is "<mount>/...".
+const Mount *mount_of_deep_file(Simulator &sim, int fd, std::string &path) {
+  Identity id;
+  if (!identify_fd(fd, id)) return nullptr;
+  const Mount *m = sim.config().find_by_device(makedev(id.stx.stx_dev_major, id.stx.stx_dev_minor));
+  if (m != nullptr) path = m->dir + "/...";
+  return m;
+}
+
 std::optional<int> file_ioctl(Simulator &sim, int fd, unsigned long request, void *arg) {
   if (!sim.refresh()) return std::nullopt;
   std::string path = sys::fd_path(fd);
   const Mount *m = path.empty() || path[0] != '/' ? nullptr : sim.config().find_by_path(path);
+  if (path.empty() && errno == ENAMETOOLONG) m = mount_of_deep_file(sim, fd, path);
   if (!m) return std::nullopt;
   RequestInfo info;
   info.kind = Kind::kIoctl;

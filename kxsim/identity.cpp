@@ -5,6 +5,8 @@
 
 #include <cstdio>
 
+#include "kxsim/sysio.h"
+
 namespace kxsim {
 
 namespace {
@@ -28,7 +30,8 @@ void fill(Identity &out) {
 }  // namespace
 
 bool identify_path(const std::string &path, Identity &out) {
-  if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, kMask, &out.stx) != 0) return false;
+  const sys::AtPath at = sys::at_path(path);
+  if (statx(at.dirfd(), at.rest.c_str(), AT_SYMLINK_NOFOLLOW, kMask, &out.stx) != 0) return false;
   fill(out);
   return true;
 }

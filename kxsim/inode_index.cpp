@@ -60,7 +60,8 @@ void InodeIndex::rebuild(const Mount &m, PerMount &pm) {
     std::string rel = std::move(pending.back());
     pending.pop_back();
     std::string abs = rel.empty() ? m.dir : m.dir + "/" + rel;
-    int fd = sys::open_at(AT_FDCWD, abs.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    const sys::AtPath at = sys::at_path(abs);
+    int fd = sys::open_at(at.dirfd(), at.rest.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     if (fd < 0) continue;
     DIR *d = fdopendir(fd);
     if (!d) {

@@ -1,12 +1,18 @@
 #include "kxsim/sysio.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstring>
+#include <map>
+#include <utility>
+#include <vector>
 #include <string_view>
 
 namespace kxsim::sys {
@@ -104,16 +110,128 @@ bool make_dirs(const std::string &path, unsigned mode) {
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+namespace {
+
+bool same_object(const struct stat &a, const struct stat &b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// The name under which the directory open on `dir_fd` holds `child`: first
+// by the inode number its entries carry, then, where a mount hides the
+// entry's own number, by each directory's stat.
+bool name_in(int dir_fd, const struct stat &child, std::string &name) {
+  for (bool by_stat : {false, true}) {
+    Fd list(open_at(dir_fd, ".", O_RDONLY | O_DIRECTORY));
+    DIR *d = list.valid() ? fdopendir(list.get()) : nullptr;
+    if (d == nullptr) return false;
+    (void)list.release();  // the stream owns it now
+    struct stat st;
+    while (const dirent *e = readdir(d)) {
+      if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+      if (!by_stat && e->d_ino != child.st_ino) continue;
+      if (fstatat(dir_fd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && same_object(st, child)) {
+        name = e->d_name;
+        closedir(d);
+        return true;
+      }
+    }
+    closedir(d);
+  }
+  errno = ENOENT;
+  return false;
+}
+
+// Deep directories named lately, so that a request on a directory climbs
+// one level to its parent's name instead of all the way to "/". A name is
+// used only after checking that it still leads to the same directory.
+class ClimbedNames {
+ public:
+  std::string find(const struct stat &dir) {
+    auto it = names_.find(key(dir));
+    if (it == names_.end()) return {};
+    const AtPath at = at_path(it->second);
+    struct stat st;
+    if (fstatat(at.dirfd(), at.rest.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !same_object(st, dir)) {
+      names_.erase(it);
+      return {};
+    }
+    return it->second;
+  }
+  void remember(const struct stat &dir, const std::string &path) {
+    if (names_.size() >= kMaxNames) names_.clear();
+    names_[key(dir)] = path;
+  }
+
+ private:
+  static constexpr std::size_t kMaxNames = 4096;
+  static std::pair<dev_t, ino_t> key(const struct stat &st) { return {st.st_dev, st.st_ino}; }
+  std::map<std::pair<dev_t, ino_t>, std::string> names_;
+};
+
+// The path of the directory open on `fd`, from its ".." entries up to "/"
+// or to a directory named lately.
+std::string climbed_path(int fd) {
+  thread_local ClimbedNames climbed;
+  Fd cur(open_at(fd, ".", O_RDONLY | O_DIRECTORY));
+  struct stat start_st, cur_st;
+  if (!cur.valid() || fstat(cur.get(), &cur_st) != 0) return {};
+  start_st = cur_st;
+  std::string out = climbed.find(cur_st);
+  if (!out.empty()) return out;
+  std::vector<std::string> names;
+  for (;;) {
+    Fd up(open_at(cur.get(), "..", O_RDONLY | O_DIRECTORY));
+    struct stat up_st;
+    if (!up.valid() || fstat(up.get(), &up_st) != 0) return {};
+    if (same_object(up_st, cur_st)) break;
+    std::string name;
+    if (!name_in(up.get(), cur_st, name)) return {};
+    names.push_back(std::move(name));
+    out = climbed.find(up_st);
+    if (!out.empty()) break;
+    cur = std::move(up);
+    cur_st = up_st;
+  }
+  for (auto it = names.rbegin(); it != names.rend(); ++it) out += "/" + *it;
+  if (out.empty()) out = "/";
+  climbed.remember(start_st, out);
+  return out;
+}
+
+}  // namespace
+
+int AtPath::dirfd() const {
+  return dir.valid() ? dir.get() : AT_FDCWD;
+}
+
+AtPath at_path(const std::string &abs) {
+  AtPath out;
+  std::size_t start = 0;
+  while (abs.size() - start >= PATH_MAX) {
+    const std::size_t cut = abs.rfind('/', start + PATH_MAX - 1);
+    if (cut == std::string::npos || cut <= start) break;  // one name too long: the kernel says so
+    const std::string part = abs.substr(start, cut - start);
+    Fd next(open_at(out.dirfd(), part.empty() ? "/" : part.c_str(), O_PATH | O_DIRECTORY));
+    if (!next.valid()) break;
+    out.dir = std::move(next);
+    start = cut + 1;
+  }
+  out.rest = abs.substr(start);
+  return out;
+}
+
 std::string fd_path(int fd) {
   char link[64];
-  char target[4096];
+  char target[PATH_MAX];
   (void)std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
   ssize_t n = readlink(link, target, sizeof target);
-  if (n <= 0) return {};
-  if (static_cast<std::size_t>(n) >= sizeof target) {
-    errno = ENAMETOOLONG;
-    return {};
+  if ((n < 0 && errno == ENAMETOOLONG) || (n > 0 && static_cast<std::size_t>(n) >= sizeof target)) {
+    std::string climbed = climbed_path(fd);
+    if (climbed.empty()) errno = ENAMETOOLONG;
+    return climbed;
   }
+  if (n <= 0) return {};
   std::string out(target, static_cast<std::size_t>(n));
   constexpr std::string_view kDeleted = " (deleted)";
   if (out.size() > kDeleted.size() && out.ends_with(kDeleted)) {

@@ -52,8 +52,21 @@ bool append_file(const std::string &path, std::string_view text);
 // mkdir -p; true when the directory exists afterwards.
 bool make_dirs(const std::string &path, unsigned mode = 0755);
 
-// Target of /proc/self/fd/<fd>, without a " (deleted)" suffix; empty with
-// errno on failure (ENAMETOOLONG when it does not fit PATH_MAX).
+// Target of /proc/self/fd/<fd>, without a " (deleted)" suffix. The kernel
+// names nothing longer than PATH_MAX there; a directory that deep is named
+// by climbing its ".." entries as getcwd does. Empty with errno on failure
+// (ENAMETOOLONG for a deeper file that is not a directory).
 std::string fd_path(int fd);
+
+// An absolute path, which may be longer than the kernel takes in one call
+// (PATH_MAX), as a directory descriptor on its way and the rest, which fits:
+// pass dirfd() and rest to the *at() calls. A path that fits comes back
+// whole, with AT_FDCWD.
+struct AtPath {
+  Fd dir;
+  std::string rest;
+  int dirfd() const;
+};
+AtPath at_path(const std::string &abs);
 
 }  // namespace kxsim::sys

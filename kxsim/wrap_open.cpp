@@ -13,6 +13,7 @@
 #include "kxsim/hex.h"
 #include "kxsim/libc_next.h"
 #include "kxsim/path_resolve.h"
+#include "kxsim/sysio.h"
 
 using namespace kxsim;
 
@@ -55,7 +56,9 @@ int open_special(Simulator &sim, const std::string &abs, int flags, mode_t mode)
   if (int f = sim.injected(info)) return sim.finish(info, -1, f);
   if (ran != sim.faults().commands_run()) e = resolve_file_handle(sim, *m, *h, target);
   if (e) return sim.finish(info, -1, e);
-  int fd = next::open(target.c_str(), flags, mode);
+  // The object may lie deeper than one path can reach.
+  const sys::AtPath at = sys::at_path(target);
+  int fd = next::openat(at.dirfd(), at.rest.c_str(), flags, mode);
   return sim.finish(info, fd, fd < 0 ? errno : 0);
 }
 
