@@ -8,16 +8,19 @@ include(GNUInstallDirs)
 
 # vd_add_library(<target> NAME <installed name> DESCRIPTION <text> SOURCES <files...>
 #                [DEPENDS <targets...>] [PRIVATE_DEPENDS <targets...>]
-#                [REQUIRES <pc names...>] [REQUIRES_PRIVATE <pc names...>])
+#                [REQUIRES <pc names...>] [REQUIRES_PRIVATE <pc names...>]
+#                [PUBLIC_INCLUDE <dir>])
 # Makes <target> (static; the name the project links) and <target>_shared.
 # DEPENDS are what the public headers use, PRIVATE_DEPENDS what only the
 # sources do: project libraries (static; their _shared twin is used for the
 # shared library) or imported targets such as Threads::Threads.
+# PUBLIC_INCLUDE is a directory of installed headers kept apart from the
+# sources, searched before the top of the tree.
 function(vd_add_library target)
-  cmake_parse_arguments(ARG "" "NAME;DESCRIPTION" "SOURCES;DEPENDS;PRIVATE_DEPENDS;REQUIRES;REQUIRES_PRIVATE"
+  cmake_parse_arguments(ARG "" "NAME;DESCRIPTION;PUBLIC_INCLUDE" "SOURCES;DEPENDS;PRIVATE_DEPENDS;REQUIRES;REQUIRES_PRIVATE"
                         ${ARGN})
   add_library(${target}_objects OBJECT ${ARG_SOURCES})
-  target_include_directories(${target}_objects PRIVATE ${VD_INCLUDE_ROOT})
+  target_include_directories(${target}_objects PRIVATE ${ARG_PUBLIC_INCLUDE} ${VD_INCLUDE_ROOT})
   target_link_libraries(${target}_objects PRIVATE ${ARG_DEPENDS} ${ARG_PRIVATE_DEPENDS}
                         vd_strict_warnings)
 
@@ -45,6 +48,9 @@ function(vd_add_library target)
     INSTALL_RPATH "$ORIGIN")
 
   foreach(t ${target} ${target}_shared)
+    if(ARG_PUBLIC_INCLUDE)
+      target_include_directories(${t} PUBLIC $<BUILD_INTERFACE:${ARG_PUBLIC_INCLUDE}>)
+    endif()
     target_include_directories(${t} PUBLIC
       $<BUILD_INTERFACE:${VD_INCLUDE_ROOT}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   endforeach()

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "libutil/kxlog.h"
-#include "vdpolicy/lib/schedule.h"
+#include "vdpolicy/lib/config/schedule.h"
 
 namespace {
 void Quiet(int, const char *, ...) {}

@@ -10,7 +10,7 @@
 
 #include "libutil/getroot.h"
 #include "libutil/kxlog.h"
-#include "vdpolicy/lib/vd_was_lib.h"
+#include "vdpolicy/lib/check/vd_was_lib.h"
 
 namespace {
 

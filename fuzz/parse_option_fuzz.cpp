@@ -5,9 +5,9 @@
 #include <string>
 
 #include "libutil/option_parse.h"
-#include "vdpolicy/lib/vd_was_lib.h"
+#include "vdpolicy/lib/check/vd_was_lib.h"
 #if VD_FUZZ_POLICY_OPTIONS
-#include "vdpolicy/lib/policy.h"
+#include "vdpolicy/lib/config/policy.h"
 #endif
 
 namespace {

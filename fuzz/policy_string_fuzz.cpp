@@ -9,7 +9,7 @@
 
 #include "libutil/kxlog.h"
 #include "libutil/kxras.h"
-#include "vdpolicy/lib/policy.h"
+#include "vdpolicy/lib/parse/policy_parse.h"
 
 namespace {
 

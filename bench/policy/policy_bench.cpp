@@ -5,8 +5,8 @@
 #include <string>
 
 #include "libutil/kxras.h"
-#include "vdpolicy/lib/policy.h"
-#include "vdpolicy/lib/schedule.h"
+#include "vdpolicy/lib/config/schedule.h"
+#include "vdpolicy/lib/parse/policy_parse.h"
 
 namespace {
 

@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "libutil/kxlog.h"
-#include "vdpolicy/lib/vd_pol_api.h"
+#include "vdpolicy/vd_pol_api.h"
 
 extern char **environ;
 

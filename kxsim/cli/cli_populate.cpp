@@ -13,10 +13,10 @@
 #include "kxsim/cli/cli_common.h"
 #include "kxsim/core/hex.h"
 #include "kxsim/core/path_resolve.h"
+#include "kxsim/core/sysio.h"
 #include "kxsim/populate/policy_files.h"
 #include "kxsim/populate/populate_managed.h"
 #include "kxsim/populate/populate_tree.h"
-#include "kxsim/core/sysio.h"
 
 namespace kxsim::cli {
 

@@ -11,9 +11,9 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <string_view>
 #include <utility>
 #include <vector>
-#include <string_view>
 
 namespace kxsim::sys {
 

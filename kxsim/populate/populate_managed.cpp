@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "kxsim/core/bytes.h"
-#include "kxsim/populate/policy_files.h"
 #include "kxsim/core/sysio.h"
+#include "kxsim/populate/policy_files.h"
 
 namespace kxsim::cli {
 

@@ -10,9 +10,9 @@
 #include <string_view>
 
 #include "kxsim/core/hex.h"
+#include "kxsim/core/sysio.h"
 #include "kxsim/preload/request_log.h"
 #include "kxsim/preload/simulator.h"
-#include "kxsim/core/sysio.h"
 
 extern char **environ;
 

@@ -12,8 +12,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "kxsim/preload/request_log.h"
 #include "kxsim/core/sysio.h"
+#include "kxsim/preload/request_log.h"
 
 namespace kxsim {
 

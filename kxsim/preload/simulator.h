@@ -22,11 +22,11 @@
 #include <vector>
 
 #include "kxsim/core/config.h"
+#include "kxsim/core/state_store.h"
 #include "kxsim/preload/faults.h"
 #include "kxsim/preload/inode_index.h"
 #include "kxsim/preload/request.h"
 #include "kxsim/preload/settings.h"
-#include "kxsim/core/state_store.h"
 
 namespace kxsim {
 

@@ -18,10 +18,12 @@
 #include "libutil/kxras.h"
 #include "support/log_capture.h"
 #include "support/sim_fs.h"
-#include "vdpolicy/lib/policy.h"
-#include "vdpolicy/lib/policy_internal.h"
-#include "vdpolicy/lib/policy_store.h"
-#include "vdpolicy/lib/vd_pol_api.h"
+#include "vdpolicy/lib/config/policy.h"
+#include "vdpolicy/lib/config/policy_memory.h"
+#include "vdpolicy/lib/parse/policy_parse.h"
+#include "vdpolicy/lib/store/policy_inherit.h"
+#include "vdpolicy/lib/store/policy_store.h"
+#include "vdpolicy/vd_pol_api.h"
 
 namespace vdtest {
 

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "policy_fixture.h"
-#include "vdpolicy/lib/policy_validate.h"
+#include "vdpolicy/lib/check/policy_validate.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Blackout windows and target schedules as a policy author writes them.
-#include "vdpolicy/lib/schedule.h"
+#include "vdpolicy/lib/config/schedule.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 #include <set>
 
 #include "policy_fixture.h"
-#include "vdpolicy/lib/vdpol_record.h"
+#include "vdpolicy/lib/summary/vdpol.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // objs.conf as an administrator writes it, and the check that policies make
 // against it. The configuration directory is a temporary one named by
 // KXFSCONF, set before anything resolves the installation directories.
-#include "vdpolicy/lib/vd_was_lib.h"
+#include "vdpolicy/lib/check/vd_was_lib.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

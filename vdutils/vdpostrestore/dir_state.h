@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "vdpolicy/lib/vd_pol_api.h"
+#include "vdpolicy/vd_pol_api.h"
 
 // Owner of a policy record this directory loaded itself.
 struct VdpFree {

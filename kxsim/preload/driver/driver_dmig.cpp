@@ -6,11 +6,11 @@
 #include <cstring>
 
 #include "kxsim/core/bytes.h"
-#include "kxsim/preload/driver/driver.h"
 #include "kxsim/core/handle.h"
 #include "kxsim/core/hex.h"
 #include "kxsim/core/path_resolve.h"
 #include "kxsim/core/sysio.h"
+#include "kxsim/preload/driver/driver.h"
 
 namespace kxsim {
 

@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "kxsim/core/bytes.h"
-#include "kxsim/preload/driver/driver.h"
 #include "kxsim/core/hex.h"
+#include "kxsim/preload/driver/driver.h"
 
 namespace kxsim {
 

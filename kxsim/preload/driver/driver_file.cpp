@@ -6,10 +6,10 @@
 #include <cstring>
 
 #include "kxsim/core/bytes.h"
-#include "kxsim/preload/driver/driver.h"
 #include "kxsim/core/handle.h"
 #include "kxsim/core/hex.h"
 #include "kxsim/core/sysio.h"
+#include "kxsim/preload/driver/driver.h"
 
 namespace kxsim {
 

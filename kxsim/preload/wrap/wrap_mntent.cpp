@@ -10,11 +10,11 @@
 #include <cerrno>
 #include <cstring>
 
-#include "kxsim/preload/driver/driver.h"
 #include "kxsim/core/hex.h"
+#include "kxsim/core/sysio.h"
+#include "kxsim/preload/driver/driver.h"
 #include "kxsim/preload/libc_next.h"
 #include "kxsim/preload/request_log.h"
-#include "kxsim/core/sysio.h"
 
 using namespace kxsim;
 

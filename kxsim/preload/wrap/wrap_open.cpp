@@ -8,12 +8,12 @@
 #include <cerrno>
 #include <cstdarg>
 
-#include "kxsim/preload/driver/driver.h"
 #include "kxsim/core/handle.h"
 #include "kxsim/core/hex.h"
-#include "kxsim/preload/libc_next.h"
 #include "kxsim/core/path_resolve.h"
 #include "kxsim/core/sysio.h"
+#include "kxsim/preload/driver/driver.h"
+#include "kxsim/preload/libc_next.h"
 
 using namespace kxsim;
 

@@ -8,9 +8,9 @@
 
 #include <cerrno>
 
+#include "kxsim/core/path_resolve.h"
 #include "kxsim/preload/driver/driver.h"
 #include "kxsim/preload/libc_next.h"
-#include "kxsim/core/path_resolve.h"
 
 using namespace kxsim;
 

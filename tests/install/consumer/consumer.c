@@ -10,7 +10,7 @@
 
 #include "extapi/kxapi.h"
 #include "kxdmapi/kxdmapi.h"
-#include "vdpolicy/lib/vd_pol_api.h"
+#include "vdpolicy/vd_pol_api.h"
 
 int main(int argc, char **argv) {
   if (argc != 2) {
