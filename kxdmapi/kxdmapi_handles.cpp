@@ -16,8 +16,6 @@ static_assert(offsetof(dm_handle_t, dm_handle_pad1) == 10);
 static_assert(offsetof(dm_handle_t, dm_handle_fid) == 12);
 static_assert(offsetof(dm_handle_t, dm_handle_pad2) == 58);
 
-using kxdmapi::get_be;
-using kxdmapi::put_be;
 
 namespace {
 
@@ -34,9 +32,9 @@ bool is_global(const void *hanp, size_t hlen) {
 void fill_file_handle(unsigned char *h, dm_fsid_t fsid, dm_ino_t ino, dm_igen_t igen) {
   std::memset(h, 0, DM_HANDLE_MAX);
   std::memcpy(h, &fsid, sizeof fsid);
-  put_be(h, kFidLenOffset, 2, DM_FILEHANDLE_LEN - 10);
-  put_be(h, kGenOffset, 4, igen);
-  put_be(h, kInoOffset, 8, ino & DM_HANDLE_INO_MASK);
+  kx_put_be(h, kFidLenOffset, 2, DM_FILEHANDLE_LEN - 10);
+  kx_put_be(h, kGenOffset, 4, igen);
+  kx_put_be(h, kInoOffset, 8, ino & DM_HANDLE_INO_MASK);
 }
 
 // A new block holding a copy of len bytes, or null with ENOMEM.
@@ -93,10 +91,10 @@ extern "C" int dm_crack_handle(const void *hanp, size_t hlen, dm_fsid_t *fsidp, 
   if (fsid == 0) return DM_HANDLE_INVALID;
   if (fsidp != nullptr) *fsidp = fsid;
   if (hlen == DM_FSHANDLE_LEN) return DM_HANDLE_FILESYSTEM;
-  if (get_be(h, kFidLenOffset, 2) != hlen - 10 || get_be(h, kPad1Offset, 2) != 0)
+  if (kx_get_be(h, kFidLenOffset, 2) != hlen - 10 || kx_get_be(h, kPad1Offset, 2) != 0)
     return DM_HANDLE_INVALID;
-  if (inop != nullptr) *inop = get_be(h, kInoOffset, 8);
-  if (igenp != nullptr) *igenp = static_cast<dm_igen_t>(get_be(h, kGenOffset, 4));
+  if (inop != nullptr) *inop = kx_get_be(h, kInoOffset, 8);
+  if (igenp != nullptr) *igenp = static_cast<dm_igen_t>(kx_get_be(h, kGenOffset, 4));
   return DM_HANDLE_FILE;
 }
 

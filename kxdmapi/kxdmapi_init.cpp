@@ -10,9 +10,9 @@
 #include <cstring>
 
 #include "kxdmapi/kxdmapi_debug.h"
-#include "libutil/unique_fd.h"
 #include "kxdmapi/kxdmapi_wire.h"
 #include "libutil/mutex.h"
+#include "libutil/unique_fd.h"
 
 static_assert(sizeof(Dmig) == 24, "Dmig is the driver's 24-byte frame");
 static_assert(offsetof(Dmig, dmig_buf) == 16, "dmig_buf sits at offset 16");

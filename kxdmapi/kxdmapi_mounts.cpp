@@ -6,9 +6,9 @@
 
 #include "kxdmapi/kxdmapi_debug.h"
 #include "kxdmapi/kxdmapi_private.h"
-#include "libutil/unique_fd.h"
 #include "libutil/mutex.h"
 #include "libutil/snprintf.h"
+#include "libutil/unique_fd.h"
 
 extern "C" int dm_fshandle_to_filesystem(const void *hanp, size_t hlen, char *fsname,
                                          char *mntpnt) {

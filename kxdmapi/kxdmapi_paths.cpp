@@ -13,9 +13,9 @@
 #include "kxdmapi/kxdmapi_handles.h"
 #include "kxdmapi/kxdmapi_init.h"
 #include "kxdmapi/kxdmapi_private.h"
-#include "libutil/unique_fd.h"
 #include "kxdmapi/kxdmapi_wire.h"
 #include "libutil/snprintf.h"
+#include "libutil/unique_fd.h"
 
 namespace {
 
@@ -257,8 +257,8 @@ extern "C" int dm_format_special_path(const void *hanp, size_t hlen, uint64_t *k
   char hex[2 * DM_HANDLE_MAX + 1];
   dm_binary_to_hex(hanp, hlen, hex);
   int len = mntpnt != nullptr
-                ? KxSnprintf(path, DM_PATH_BUFSIZE, "%s/%s%s", mntpnt, KXDMAPI_SPECIAL_PREFIX, hex)
-                : KxSnprintf(path, DM_PATH_BUFSIZE, "%s%s", KXDMAPI_SPECIAL_PREFIX, hex);
+                ? KxSnprintf(path, DM_PATH_BUFSIZE, "%s/%s%s", mntpnt, KXDMAPI_HANDLE_PREFIX, hex)
+                : KxSnprintf(path, DM_PATH_BUFSIZE, "%s%s", KXDMAPI_HANDLE_PREFIX, hex);
   if (len < 0 || static_cast<size_t>(len) > DM_PATH_MAX) {
     path[0] = '\0';
     errno = ENAMETOOLONG;

@@ -44,6 +44,10 @@ int dm_path_to_fshandle(const char *path, void **hanpp, size_t *hlenp);
 int dm_handle_to_path(const void *dirhanp, size_t dirhlen, const void *targhanp, size_t targhlen,
                       size_t buflen, char *pathbufp, size_t *rlenp);
 
+/* The name prefix under which the driver opens an object by its handle:
+ * "<mount point>/" KXDMAPI_HANDLE_PREFIX "<hex>". */
+#define KXDMAPI_HANDLE_PREFIX "__KXFS_Handle."
+
 /* Name under which the handle's object can be opened:
  * "<mount point>/__KXFS_Handle.<HEX>" (or without "<mount point>/" when
  * mntpnt is null), the mount point itself for the root (key 2). *keyp gets

@@ -12,10 +12,10 @@
 #include "kxdmapi/kxdmapi_debug.h"
 #include "kxdmapi/kxdmapi_handles.h"
 #include "kxdmapi/kxdmapi_init.h"
-#include "libutil/unique_fd.h"
 #include "kxdmapi/kxdmapi_wire.h"
 #include "libutil/dopanic.h"
 #include "libutil/mutex.h"
+#include "libutil/unique_fd.h"
 
 // Panic reports name the unit under which support tools know the cache.
 static const char kx_source_path[] = "kxdmapi/kxdmapi_handles";

@@ -16,7 +16,6 @@
 extern "C" {
 #endif
 
-
 typedef struct dm_mnt_change_time {
   uint64_t mct_sec;
   uint64_t mct_usec;

@@ -10,15 +10,17 @@
 #include <cstdint>
 #include <cstring>
 
+#include "libutil/big_endian.h"
+
 // Every request the library sends besides the control channel's DMIG
 // frames (their function codes are kxdmapi_init.h's DMIG_*), and the
 // payload sizes the driver fixes.
-#define KXDMAPI_DMIG_IOCTL 0xC018E571UL         /* the control channel's frame */
-#define KXDMAPI_IOC_MOUNT_CHANGE 0x8010E693UL   /* on the control device */
-#define KXDMAPI_IOC_FD_TO_HANDLE 0x416UL        /* on the caller's descriptor */
-#define KXDMAPI_IOC_HANDLE_TO_PATH 0x419UL      /* on the mount point */
-#define KXDMAPI_IOC_FS_DATA 0xA1EUL             /* on the mount point */
-#define KXDMAPI_IOC_GET_ATTR 0x40CUL            /* on the file's descriptor */
+#define KXDMAPI_DMIG_IOCTL 0xC018E571UL       /* the control channel's frame */
+#define KXDMAPI_IOC_MOUNT_CHANGE 0x8010E693UL /* on the control device */
+#define KXDMAPI_IOC_FD_TO_HANDLE 0x416UL      /* on the caller's descriptor */
+#define KXDMAPI_IOC_HANDLE_TO_PATH 0x419UL    /* on the mount point */
+#define KXDMAPI_IOC_FS_DATA 0xA1EUL           /* on the mount point */
+#define KXDMAPI_IOC_GET_ATTR 0x40CUL          /* on the file's descriptor */
 #define KXDMAPI_IOC_GET_DMATTR 0x40EUL
 #define KXDMAPI_IOC_SET_DMATTR 0x40FUL
 #define KXDMAPI_IOC_REMOVE_DMATTR 0x422UL
@@ -32,7 +34,6 @@
 #define KXDMAPI_FS_DATA_LEN 64
 
 #define KXDMAPI_MOUNT_CHANGE_DEVICE "/dev/kxfsctl" /* answers 0x8010E693 */
-#define KXDMAPI_SPECIAL_PREFIX "__KXFS_Handle."   /* <mount>/<prefix><hex>: a path by handle */
 #define KXDMAPI_ROOT_KEY 2                         /* special-path key of a file system's root */
 
 namespace kxdmapi {
@@ -49,19 +50,6 @@ inline T get_native(const unsigned char *buf, size_t offset) {
   return value;
 }
 
-inline uint64_t get_be(const unsigned char *buf, size_t offset, size_t width) {
-  uint64_t value = 0;
-  for (size_t i = 0; i < width; ++i) value = (value << 8) | buf[offset + i];
-  return value;
-}
-
-inline void put_be(unsigned char *buf, size_t offset, size_t width, uint64_t value) {
-  for (size_t i = width; i > 0; --i) {
-    buf[offset + i - 1] = static_cast<unsigned char>(value & 0xFFu);
-    value >>= 8;
-  }
-}
-
 // Path-to-handle payload (request 7, and ioctl 0x416 on a descriptor).
 namespace p2h {
 constexpr size_t kHandle = 0;    // 64 bytes out
@@ -73,7 +61,7 @@ constexpr size_t kPath = 84;     // up to 1,025 bytes
 
 // Length of the handle a driver reply holds: big-endian bytes 8-9 plus 10.
 inline size_t reply_handle_len(const unsigned char *buf) {
-  return static_cast<size_t>(get_be(buf, 8, 2)) + 10;
+  return static_cast<size_t>(kx_get_be(buf, 8, 2)) + 10;
 }
 
 // The reply's handle length in *len, or false with errno EIO when a handle

@@ -9,6 +9,7 @@
 #include "vdpolicy/lib/store/policy_inherit.h"
 #include "vdpolicy/lib/store/policy_store.h"
 #include "vdpolicy/policy_cache.h"
+#include "vdpolicy/bfst_record.h"
 #include "vdpolicy/vd_pol_api.h"
 
 int vdpolicy_c_header_check(void);

@@ -116,8 +116,8 @@ bool read_ancestors(int start_fd, const struct stat &start, StartContext &contex
     VPrintf(3, "Reading directory %s above the start.\n", ShownPath(path.c_str()).c_str());
     DirState state;
     const char *policy_path = path.size() < DM_PATH_MAX ? path.c_str() : root.c_str();
-    if (!read_dir_view(it->fd.get(), path.c_str(), policy_path, it->st.st_ino,
-                       context.loaded.get(), context.relation_point, state)) {
+    if (!read_dir_view(it->fd.get(), path.c_str(), policy_path, it->st.st_ino, context.loaded.get(),
+                       context.relation_point, state)) {
       return false;
     }
     if (state.loaded) context.loaded = std::move(state.loaded);

@@ -17,7 +17,9 @@ using kxdmapi::DmHandle;
 constexpr dm_attrname_t kVdeaAttrName{{'V', 'D', 'E', 'A'}};  // the storage manager's
 constexpr size_t kVdeaBufferSize = 128;  // only the attribute's presence matters
 
-constexpr dm_eventset_t event_bit(dm_eventtype_t event) { return dm_eventset_t{1} << event; }
+constexpr dm_eventset_t event_bit(dm_eventtype_t event) {
+  return dm_eventset_t{1} << event;
+}
 
 // A directory under a relation point has all three of these enabled.
 constexpr dm_eventset_t kRelationPointEvents =
@@ -25,7 +27,8 @@ constexpr dm_eventset_t kRelationPointEvents =
 
 void check_event_mask(const DmHandle &handle, const char *dir_path, bool &relation_point) {
   dm_stat_t dm_stat_buff{};
-  if (dm_get_fileattr(DM_NO_SESSION, handle.hanp, handle.hlen, DM_NO_TOKEN, 0, &dm_stat_buff) != 0) {
+  if (dm_get_fileattr(DM_NO_SESSION, handle.hanp, handle.hlen, DM_NO_TOKEN, 0, &dm_stat_buff) !=
+      0) {
     ErrPrintf("Failed to get attributes for directory %s: %s.\n", ShownPath(dir_path).c_str(),
               std::strerror(errno));
     // The storage manager's attribute is there and its events cannot be
@@ -81,8 +84,8 @@ bool get_dir_attrs(int dir_fd, const char *dir_path, uint64_t dir_ino, bool &rel
   }
   char buffer[kVdeaBufferSize];
   size_t returned_len = 0;
-  int rc = dm_get_dmattr(DM_NO_SESSION, handle.hanp, handle.hlen, DM_NO_TOKEN, &kVdeaAttrName, sizeof buffer,
-                         buffer, &returned_len);
+  int rc = dm_get_dmattr(DM_NO_SESSION, handle.hanp, handle.hlen, DM_NO_TOKEN, &kVdeaAttrName,
+                         sizeof buffer, buffer, &returned_len);
   // A read by handle opens the object first, and a failed open says ENOENT
   // as an absent attribute does: only the directory itself can tell the two
   // apart.

@@ -20,8 +20,8 @@ int get_dir_vdp(int dir_fd, const char *dir_path, const char *policy_path, Owned
   policy_unknown = false;
   event_attr_t event_attr;
   size_t attr_len = 0;
-  if (dm_get_dmattr_fd(dir_fd, DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof event_attr.raw, event_attr.raw,
-                       &attr_len) != 0) {
+  if (dm_get_dmattr_fd(dir_fd, DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof event_attr.raw,
+                       event_attr.raw, &attr_len) != 0) {
     if (errno == ENODATA || errno == ENOENT) return 0;  // no policy of its own
     ErrPrintf("Failed to get xattr for directory %s: %s.\n", ShownPath(dir_path).c_str(),
               std::strerror(errno));

@@ -10,18 +10,18 @@
 
 #include "ancestors.h"
 #include "dir_entries.h"
-#include "dir_view.h"
 #include "dir_state.h"
+#include "dir_view.h"
 #include "file_rules.h"
-#include "mount_root.h"
 #include "kxdmapi/kxdmapi_types.h"
 #include "libutil/dopanic.h"
+#include "libutil/unique_fd.h"
+#include "mount_root.h"
 #include "path_buffer.h"
 #include "policy_info.h"
 #include "settings.h"
 #include "shown_path.h"
 #include "stop_signals.h"
-#include "libutil/unique_fd.h"
 
 static const char kx_source_path[] = "vdutils/vdpostrestore";
 

@@ -1,8 +1,7 @@
-// The "BFST" data-management attribute that the policy engine keeps on the
-// files and directories it governs: 32 bytes, multi-byte fields big-endian.
-// The tool reads two fields: blk_key (bytes 0-7), the key of a directory's
-// policy, and blk_flags (bytes 12-13), where 0x0001 or 0x0400 says that the
-// file's data is stored elsewhere.
+// The "BFST" attribute as the tool reads it (the record: vdpolicy/bfst_record.h):
+// blk_key, the key of a directory's policy, and blk_flags, where
+// BFST_FLAG_STORED or BFST_FLAG_OBJS_STORED says that the file's data is
+// stored elsewhere.
 #pragma once
 
 #include <cstddef>
@@ -10,36 +9,30 @@
 #include <string>
 
 #include "kxdmapi/kxdmapi.h"
+#include "vdpolicy/bfst_record.h"
 
 inline constexpr dm_attrname_t kBfstAttrName{{'B', 'F', 'S', 'T'}};
 
 struct event_attr_t {
-  unsigned char raw[32] = {};
+  unsigned char raw[BFST_RECORD_SIZE] = {};
 };
 
-inline constexpr uint16_t kBlkFlagsStoredElsewhere = 0x0401;
+inline constexpr uint16_t kBlkFlagsStoredElsewhere = BFST_FLAG_STORED | BFST_FLAG_OBJS_STORED;
 
 // A value shorter than the field the reader needs says nothing about it:
 // its missing bytes would read as zeros, a key of 0 or no stored copy.
-inline constexpr std::size_t kBlkKeyEnd = 8;
-inline constexpr std::size_t kBlkFlagsEnd = 14;
+inline constexpr std::size_t kBlkKeyEnd = BFST_KEY_END;
+inline constexpr std::size_t kBlkFlagsEnd = BFST_FLAGS_END;
 
 // The reason printed for such a value.
 inline std::string too_short_reason(std::size_t len) {
   return "value of " + std::to_string(len) + (len == 1 ? " byte" : " bytes") + " is too short";
 }
 
-constexpr uint64_t big_endian_field(const event_attr_t &attr, std::size_t offset,
-                                    std::size_t size) {
-  uint64_t value = 0;
-  for (std::size_t i = 0; i < size; ++i) value = (value << 8) | attr.raw[offset + i];
-  return value;
+inline uint64_t blk_key(const event_attr_t &attr) {
+  return bfst_key(attr.raw);
 }
 
-constexpr uint64_t blk_key(const event_attr_t &attr) {
-  return big_endian_field(attr, 0, 8);
-}
-
-constexpr uint16_t blk_flags(const event_attr_t &attr) {
-  return static_cast<uint16_t>(big_endian_field(attr, 12, 2));
+inline uint16_t blk_flags(const event_attr_t &attr) {
+  return bfst_flags(attr.raw);
 }

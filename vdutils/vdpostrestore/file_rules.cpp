@@ -8,11 +8,11 @@
 #include <cstring>
 
 #include "event_attr.h"
+#include "libutil/unique_fd.h"
 #include "log_file.h"
 #include "policy_info.h"
 #include "settings.h"
 #include "shown_path.h"
-#include "libutil/unique_fd.h"
 
 namespace {
 
@@ -90,13 +90,14 @@ StoredElsewhere tag_objid_exists(const FileRef &file) {
   }
   event_attr_t event_attr;
   size_t attr_len = 0;
-  if (dm_get_dmattr_fd(fd.get(), DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof event_attr.raw, event_attr.raw,
-                       &attr_len) != 0) {
+  if (dm_get_dmattr_fd(fd.get(), DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof event_attr.raw,
+                       event_attr.raw, &attr_len) != 0) {
     // Only ENODATA says that the file never had a stored copy recorded.
     const int err = errno;
     return unreadable_bfst(file, std::strerror(err), err == ENODATA);
   }
-  if (attr_len < kBlkFlagsEnd) return unreadable_bfst(file, too_short_reason(attr_len).c_str(), false);
+  if (attr_len < kBlkFlagsEnd)
+    return unreadable_bfst(file, too_short_reason(attr_len).c_str(), false);
   return (blk_flags(event_attr) & kBlkFlagsStoredElsewhere) != 0 ? StoredElsewhere::kYes
                                                                  : StoredElsewhere::kNo;
 }

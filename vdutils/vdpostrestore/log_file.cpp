@@ -53,7 +53,8 @@ bool write_all(int fd, const char *data, size_t size) {
 // root or the directory's owner made. Any user could plant another and have
 // root truncate what it points to.
 bool planted_link(int dir_fd, const char *path, const char *name, std::string &reason) {
-  struct stat dir {}, link {};
+  struct stat dir {
+  }, link{};
   if (fstat(dir_fd, &dir) != 0 || fstatat(dir_fd, name, &link, AT_SYMLINK_NOFOLLOW) != 0 ||
       !S_ISLNK(link.st_mode)) {
     return false;
@@ -77,8 +78,8 @@ kx::UniqueFd open_log_descriptor(const char *path, std::string &reason) {
   if (planted_link(dir_fd.get(), path, name, reason)) return kx::UniqueFd();
   // Not truncated yet, and not blocking: a FIFO would wait for a reader,
   // a device would take the lines somewhere no one reads them.
-  kx::UniqueFd fd(openat(dir_fd.get(), name,
-                         O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+  kx::UniqueFd fd(
+      openat(dir_fd.get(), name, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
   struct stat st {};
   if (!fd && errno == ENXIO) {  // a FIFO without a reader
     reason = std::string(path) + " is not a regular file";
@@ -90,7 +91,8 @@ kx::UniqueFd open_log_descriptor(const char *path, std::string &reason) {
     return kx::UniqueFd();
   }
   const int flags = fcntl(fd.get(), F_GETFL);
-  if (ftruncate(fd.get(), 0) != 0 || flags < 0 || fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0)
+  if (ftruncate(fd.get(), 0) != 0 || flags < 0 ||
+      fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0)
     return kx::UniqueFd();
   return fd;
 }

@@ -5,8 +5,8 @@
 // failure ends the run with exit status 1; -h ends it with 0.
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <unistd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>

@@ -9,9 +9,9 @@
 #include "event_attr.h"
 #include "extapi/kxapi.h"
 #include "kxdmapi/kxdmapi.h"
+#include "libutil/unique_fd.h"
 #include "settings.h"
 #include "shown_path.h"
-#include "libutil/unique_fd.h"
 
 namespace {
 

@@ -6,7 +6,9 @@
 
 namespace {
 
-bool is_continuation(unsigned char c) { return (c & 0xc0) == 0x80; }
+bool is_continuation(unsigned char c) {
+  return (c & 0xc0) == 0x80;
+}
 
 // The length of the well-formed UTF-8 sequence at `p` (shortest form, no
 // surrogates, at most U+10FFFF), or 0 when there is none.
@@ -34,7 +36,9 @@ std::size_t utf8_sequence(const unsigned char *p) {
   return len;
 }
 
-bool is_control(unsigned char c) { return c < 0x20 || c == 0x7f; }
+bool is_control(unsigned char c) {
+  return c < 0x20 || c == 0x7f;
+}
 
 // A path that a reader of the log could not take back exactly as it is:
 // one with a control byte (a line break would even split its line), one

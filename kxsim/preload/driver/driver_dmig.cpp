@@ -10,6 +10,7 @@
 #include "kxsim/core/hex.h"
 #include "kxsim/core/path_resolve.h"
 #include "kxsim/core/sysio.h"
+#include "kxsim/preload/driver/dmig_codes.h"
 #include "kxsim/preload/driver/driver.h"
 
 namespace kxsim {
@@ -17,22 +18,6 @@ namespace kxsim {
 namespace {
 // Dmig frame (24 bytes, native order).
 constexpr std::size_t kFunc = 0, kVersion = 4, kBufsize = 8, kBuf = 16;
-constexpr std::int16_t kDmigVersion = 6;
-
-// The request codes and their payload sizes; a frame whose bufsize differs
-// from the table is refused, as the driver copies exactly this much.
-struct DmigCode {
-  std::int32_t func;
-  std::uint32_t size;
-};
-constexpr DmigCode kCodes[] = {
-    {1, 256}, {2, 264}, {3, 8},   {4, 16},  {5, 264}, {7, 1112}, {9, 96},    {10, 32},   {15, 88},
-    {16, 16}, {17, 16}, {18, 32}, {21, 24}, {22, 32}, {37, 24},  {38, 1256}, {39, 1040}, {40, 40},
-};
-
-// Path to handle payload.
-constexpr std::size_t kP2hFlags = 76, kP2hLen = 80, kP2hPath = 84, kP2hPathMax = 1024;
-
 // The driver looks a path up once, relative to the caller's working
 // directory: so does this, and takes the object's canonical path and
 // identity from what it found, so that a request costs the same at any

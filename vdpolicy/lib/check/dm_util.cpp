@@ -8,41 +8,35 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "kxdmapi/dm_handle_owner.h"
 #include "kxdmapi/kxdmapi_attributes.h"
 #include "kxdmapi/kxdmapi_handles.h"
 #include "kxdmapi/kxdmapi_paths.h"
 #include "libutil/kxlog.h"
+#include "libutil/unique_fd.h"
+#include "vdpolicy/bfst_record.h"
 
 namespace {
 
 constexpr dm_ino_t kRootInode = 2;
-constexpr std::size_t kBfstSize = 32;
 
 struct Bfst {
   uint64_t key = 0;
   uint16_t flags = 0;
 };
 
-uint64_t big_endian(const unsigned char *bytes, std::size_t size) {
-  uint64_t value = 0;
-  for (std::size_t i = 0; i < size; ++i) value = (value << 8) | bytes[i];
-  return value;
-}
-
 // The object's "BFST" key (bytes 0-7) and flags (bytes 12-13); a missing
 // attribute is key 0 and flags 0. False when the attribute cannot be read.
 bool read_bfst(const char *path, Bfst *out) {
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
+  const kx::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) return false;
   dm_attrname_t name{{'B', 'F', 'S', 'T', 0, 0, 0, 0}};
-  unsigned char raw[kBfstSize] = {};
+  unsigned char raw[BFST_RECORD_SIZE] = {};
   size_t len = 0;
-  int rc = dm_get_dmattr_fd(fd, DM_NO_SESSION, DM_NO_TOKEN, &name, sizeof raw, raw, &len);
-  int saved = errno;
-  close(fd);
-  if (rc != 0) return saved == ENODATA || saved == ENOENT;
-  out->key = big_endian(raw, 8);
-  out->flags = static_cast<uint16_t>(big_endian(raw + 12, 2));
+  if (dm_get_dmattr_fd(fd.get(), DM_NO_SESSION, DM_NO_TOKEN, &name, sizeof raw, raw, &len) != 0)
+    return errno == ENODATA || errno == ENOENT;
+  out->key = bfst_key(raw);
+  out->flags = bfst_flags(raw);
   return true;
 }
 
@@ -60,10 +54,9 @@ extern "C" {
 int crack_path(const char *path, void **hanpp, size_t *hlenp, dm_fsid_t *fsidp, uint64_t *keyp,
                dm_ino_t *inop, dm_igen_t *igenp, int *kindp) {
   if ((hanpp == nullptr) != (hlenp == nullptr)) return -1;
-  void *local_han = nullptr;
-  size_t local_len = 0;
-  void **han = hanpp != nullptr ? hanpp : &local_han;
-  size_t *len = hlenp != nullptr ? hlenp : &local_len;
+  kxdmapi::DmHandle local;
+  void **han = hanpp != nullptr ? hanpp : &local.hanp;
+  size_t *len = hlenp != nullptr ? hlenp : &local.hlen;
   if (*han == nullptr && (path == nullptr || dm_path_to_handle_client(path, han, len) != 0)) {
     if (kindp != nullptr) *kindp = CRACK_UNRESOLVED;
     return -1;
@@ -72,7 +65,7 @@ int crack_path(const char *path, void **hanpp, size_t *hlenp, dm_fsid_t *fsidp, 
   dm_ino_t ino = 0;
   dm_igen_t igen = 0;
   (void)dm_crack_handle(*han, *len, &fsid, &ino, &igen);
-  if (hanpp == nullptr) dm_handle_free(local_han, local_len);
+  local.reset();
   int kind = 0;
   if (fsidp != nullptr) {
     if (*fsidp == 0)
@@ -92,13 +85,10 @@ int crack_path(const char *path, void **hanpp, size_t *hlenp, dm_fsid_t *fsidp, 
 }
 
 int convert_special_to_real(const char *path, char *out, size_t outlen) {
-  void *han = nullptr;
-  size_t hlen = 0;
-  if (dm_path_to_handle_client(path, &han, &hlen) != 0) return -1;
+  kxdmapi::DmHandle han;
+  if (dm_path_to_handle_client(path, &han.hanp, &han.hlen) != 0) return -1;
   size_t needed = 0;
-  int rc = dm_handle_to_path(nullptr, 0, han, hlen, outlen, out, &needed);
-  dm_handle_free(han, hlen);
-  return rc;
+  return dm_handle_to_path(nullptr, 0, han.hanp, han.hlen, outlen, out, &needed);
 }
 
 int get_policy_root_path(const PolicyConfig_t *config, int mode, char *path_out) {

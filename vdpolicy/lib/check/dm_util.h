@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #include "kxdmapi/kxdmapi_types.h"
+#include "vdpolicy/bfst_record.h"
 #include "vdpolicy/lib/config/policy_config.h"
 
 #ifdef __cplusplus
@@ -24,9 +25,6 @@ enum crack_kind {
   CRACK_KEY_ROOT = 6,   /* flag 0x4, or the key is the object's inode */
   CRACK_KEYED = 7       /* any other keyed object */
 };
-
-#define BFST_FLAG_KEY_ROOT 0x4
-#define BFST_FLAG_REPLICA 0x100
 
 /* Resolves path and reports what the caller asks for (each output may be
  * null): the file system (*fsidp is written only when it was 0; a non-zero

@@ -22,6 +22,10 @@ extern "C" {
  * the offset of the row's field in PolicyConfig_t. */
 extern const Option PolicyOptions[];
 
+/* Keys 1, 2 and 3 are the policies named "global", "config" and "target";
+ * a policy of its own has a key from this one on, stored as "key_<key>". */
+#define VDP_FIRST_FILE_KEY 4
+
 /* The ends of every inheritance chain: "default", "config" and "target".
  * Static records pointing to static text: never freed nor modified. */
 extern PolicyConfig_t Global_Policy_Config;

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "kxdmapi/kxdmapi_paths.h"
 #include "vdpolicy/lib/config/policy_keywords.h"
 #include "vdpolicy/lib/config/policy_memory.h"
 #include "vdpolicy/lib/parse/policy_parse_internal.h"
@@ -20,7 +21,7 @@ using vdpol::ParseContext;
 
 constexpr std::size_t kMaxNameLen = 31;
 constexpr std::size_t kAffinityLen = 8;
-constexpr std::string_view kHandleDir = "/__KXFS_Handle.";
+constexpr std::string_view kHandleDir = "/" KXDMAPI_HANDLE_PREFIX;
 
 // rep_input's choice groups, in the order of the row's list; together they
 // are the bits its row owns, which the merge copies.

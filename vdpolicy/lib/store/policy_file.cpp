@@ -30,7 +30,6 @@ using OwnedText = std::unique_ptr<char, vdpol::FreeDeleter>;
 
 // No policy text comes near this; a larger file is not read into memory.
 constexpr off_t kMaxPolicyFileSize = 16 << 20;
-constexpr uint64_t kFirstFileKey = 4;
 constexpr std::size_t kScratchSize = 4096;
 
 struct FileLoad {
@@ -79,7 +78,7 @@ Text read_and_parse(const FileLoad &load) {
       load.fail("Failed to read policy file");
       return Text::failed;
     }
-    if (load.name == nullptr && load.key >= kFirstFileKey) {
+    if (load.name == nullptr && load.key >= VDP_FIRST_FILE_KEY) {
       load.fail("Policy file for key %ld does not exist.\n", static_cast<long>(load.key));
       return Text::failed;
     }

@@ -44,7 +44,6 @@ constexpr const char *kNoMemory = "Memory allocation failure during parse";
 
 // Reserved keys stand for the named policies "global", "config", "target".
 constexpr const char *kReservedNames[] = {nullptr, "global", "config", "target"};
-constexpr uint64_t kFirstFileKey = 4;
 
 unsigned bucket_of_key(uint64_t key) {
   return static_cast<uint32_t>(key) % POLICY_HASH_SIZE;
@@ -230,7 +229,7 @@ Policy_t *_lookup_policy(dm_fsid_t fsid, const char *mount, const char *name, ui
   Policy_t *entry = nullptr;
   if (by_key) {
     name = nullptr;
-    if (key != 0 && key < kFirstFileKey) {
+    if (key != 0 && key < VDP_FIRST_FILE_KEY) {
       name = kReservedNames[key];
       key = 0;
     }
