@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "libutil/dopanic.h"
 #include "libutil/hash_table.h"
@@ -88,6 +89,30 @@ Policy_t *find_by_name(dm_fsid_t fsid, const char *name) {
     if (c->polcfg_name != nullptr && std::strcmp(c->polcfg_name, name) == 0) return p;
   }
   return nullptr;
+}
+
+// The one form the store knows a policy by: a name with key 0, or a key of
+// its own (VDP_FIRST_FILE_KEY or more) without a name.
+struct PolicyId {
+  const char *name;
+  uint64_t key;
+  bool asked_by_name;  // a name other than "key_N": it may close a cycle
+};
+
+// Brings a lookup's name or key into that form, once, where it comes in:
+// "key_N" is key N; keys 1-3 are the reserved names; a name is a key-0
+// policy whatever key came with it ("global" is asked for with key 1 as a
+// parent), or the cached "global" would carry key 1 or 0 depending on which
+// lookup loaded it. Nothing for a "key_" name that holds no number.
+std::optional<PolicyId> normalise(const char *name, uint64_t key) {
+  if (name != nullptr && std::strncmp(name, "key_", 4) != 0) return PolicyId{name, 0, true};
+  if (name != nullptr) {
+    long parsed = 0;
+    if (std::sscanf(name, "key_%ld", &parsed) != 1) return std::nullopt;
+    key = static_cast<uint64_t>(parsed);
+  }
+  if (key != 0 && key < VDP_FIRST_FILE_KEY) return PolicyId{kReservedNames[key], 0, false};
+  return PolicyId{nullptr, key, false};
 }
 
 bool in_chain(const char **chain, int depth, const char *name) {
@@ -209,31 +234,15 @@ Policy_t *_lookup_policy(dm_fsid_t fsid, const char *mount, const char *name, ui
     vdpol::write_message(errbuf, errlen, "%s", "Policy inheritance too deep");
     return nullptr;
   }
-  bool by_key = name == nullptr;
-  if (name != nullptr && std::strncmp(name, "key_", 4) == 0) {
-    long parsed = 0;
-    if (std::sscanf(name, "key_%ld", &parsed) != 1) return nullptr;
-    key = static_cast<uint64_t>(parsed);
-    by_key = true;
-  } else if (name != nullptr && depth >= 1 && in_chain(chain, depth, name)) {
+  const std::optional<PolicyId> id = normalise(name, key);
+  if (!id) return nullptr;
+  if (id->asked_by_name && depth >= 1 && in_chain(chain, depth, id->name)) {
     vdpol::write_message(errbuf, errlen, "%s", "Cycle detected in policy inheritance");
     return nullptr;
-  } else if (name != nullptr) {
-    // A policy looked up by name is a key-0 policy, whatever key came with
-    // the name ("global" is asked for with key 1 as a parent): otherwise the
-    // cached "global" would carry key 1 or 0 depending on which lookup
-    // happened to load it, and a caller that tells built-in policies by
-    // their key 0 would see the same policy change its nature.
-    key = 0;
   }
+  name = id->name;
+  key = id->key;
   Policy_t *entry = nullptr;
-  if (by_key) {
-    name = nullptr;
-    if (key != 0 && key < VDP_FIRST_FILE_KEY) {
-      name = kReservedNames[key];
-      key = 0;
-    }
-  }
   if (name != nullptr)
     entry = find_by_name(fsid, name);
   else if (key != 0)
