@@ -7,7 +7,7 @@ for each mutant whether the tests killed it (failed), let it survive
 (passed) or ran out of time. Mutants listed in equivalent.txt beside this
 script (no input can tell them apart from the original) are not counted.
 
-    tests/mutation/mutate.py vdutils/vdpostrestore/file_rules.cpp ...
+    tests/mutation/mutate.py vdutils/vdpostrestore/rules/file_rules.cpp ...
     tests/mutation/mutate.py --list kxdmapi/kxdmapi_attributes.cpp
 
 Run it from the source tree with a configured debug build (the test

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <string>
 
-#include "dir_policy.h"
 #include "options.h"
+#include "rules/dir_policy.h"
 #include "settings.h"
 #include "shown_path.h"
 
@@ -80,10 +80,10 @@ TEST(ShownPathTest, QuotedOnlyWhereNeededAndAlwaysReadsBack) {
       {"/fs/nl\n/fs/keep_me", "$'/fs/nl\\n/fs/keep_me'"},
       {"/fs/tab\t", "$'/fs/tab\\t'"},
       {"/fs/cr\r\\'\x01\x7f\xc3\xa9", "$'/fs/cr\\r\\\\\\'\\x01\\x7f\xc3\xa9'"},
-      {"/fs/\x80", "$'/fs/\\x80'"},                   // a lone continuation byte
-      {"/fs/\xc3", "$'/fs/\\xc3'"},                   // a sequence cut short
-      {"/fs/\xc0\xaf", "$'/fs/\\xc0\\xaf'"},           // an overlong '/'
-      {"/fs/\xed\xa0\x80", "$'/fs/\\xed\\xa0\\x80'"},  // a surrogate
+      {"/fs/\x80", "$'/fs/\\x80'"},                             // a lone continuation byte
+      {"/fs/\xc3", "$'/fs/\\xc3'"},                             // a sequence cut short
+      {"/fs/\xc0\xaf", "$'/fs/\\xc0\\xaf'"},                    // an overlong '/'
+      {"/fs/\xed\xa0\x80", "$'/fs/\\xed\\xa0\\x80'"},           // a surrogate
       {"/fs/\xf4\x90\x80\x80", "$'/fs/\\xf4\\x90\\x80\\x80'"},  // beyond U+10FFFF
       {"$'x'", "$'$\\'x\\''"},
   };

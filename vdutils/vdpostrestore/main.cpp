@@ -12,13 +12,13 @@
 #include <cstdio>
 #include <cstring>
 
-#include "dir_walk.h"
 #include "kxdmapi/kxdmapi.h"
 #include "libutil/priv_check.h"
 #include "log_file.h"
 #include "options.h"
 #include "settings.h"
 #include "stop_signals.h"
+#include "walk/dir_walk.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 #include <sys/stat.h>
 
-#include "dir_state.h"
+#include "rules/dir_state.h"
 
 // What the walk from the root would carry into the start directory.
 struct StartContext {

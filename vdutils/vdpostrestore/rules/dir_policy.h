@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "dir_state.h"
+#include "rules/dir_state.h"
 
 // Reads the "BFST" attribute of the directory open on `dir_fd` (named
 // `dir_path`). Without one the directory has no policy of its own: result

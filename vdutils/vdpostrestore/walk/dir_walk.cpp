@@ -1,5 +1,5 @@
 // The depth-first walk of the tree under Mount_Point.
-#include "dir_walk.h"
+#include "walk/dir_walk.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -8,20 +8,20 @@
 #include <cerrno>
 #include <cstring>
 
-#include "ancestors.h"
-#include "dir_entries.h"
-#include "dir_state.h"
-#include "dir_view.h"
-#include "file_rules.h"
 #include "kxdmapi/kxdmapi_types.h"
 #include "libutil/dopanic.h"
 #include "libutil/unique_fd.h"
-#include "mount_root.h"
-#include "path_buffer.h"
-#include "policy_info.h"
+#include "rules/dir_state.h"
+#include "rules/file_rules.h"
+#include "rules/policy_info.h"
 #include "settings.h"
 #include "shown_path.h"
 #include "stop_signals.h"
+#include "walk/ancestors.h"
+#include "walk/dir_entries.h"
+#include "walk/dir_view.h"
+#include "walk/mount_root.h"
+#include "walk/path_buffer.h"
 
 static const char kx_source_path[] = "vdutils/vdpostrestore";
 

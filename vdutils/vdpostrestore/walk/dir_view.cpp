@@ -1,10 +1,10 @@
 // What the walk learns of a directory before it reads its entries.
-#include "dir_view.h"
+#include "walk/dir_view.h"
 
 #include <cstdio>
 
-#include "dir_attrs.h"
-#include "dir_policy.h"
+#include "rules/dir_attrs.h"
+#include "rules/dir_policy.h"
 
 bool read_dir_view(int fd, const char *path, const char *policy_path, uint64_t ino,
                    const Vdp_t *vdp, bool under_relation_point, DirState &state) {

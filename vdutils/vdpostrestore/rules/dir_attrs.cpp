@@ -1,5 +1,5 @@
 // Whether a directory lies under a storage-manager relation point.
-#include "dir_attrs.h"
+#include "rules/dir_attrs.h"
 
 #include <cerrno>
 #include <cstring>

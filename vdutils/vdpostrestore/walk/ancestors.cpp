@@ -1,5 +1,5 @@
 // The directories between the file system's root and the start of the walk.
-#include "ancestors.h"
+#include "walk/ancestors.h"
 
 #include <fcntl.h>
 
@@ -8,14 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "dir_entries.h"
-#include "dir_view.h"
 #include "kxdmapi/dm_handle_owner.h"
 #include "kxdmapi/kxdmapi.h"
 #include "libutil/unique_fd.h"
-#include "mount_root.h"
 #include "settings.h"
 #include "shown_path.h"
+#include "walk/dir_entries.h"
+#include "walk/dir_view.h"
+#include "walk/mount_root.h"
 
 namespace {
 

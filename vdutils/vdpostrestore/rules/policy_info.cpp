@@ -1,15 +1,15 @@
 // Stripping the policy engine's information from a file or directory.
-#include "policy_info.h"
+#include "rules/policy_info.h"
 
 #include <fcntl.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "event_attr.h"
 #include "extapi/kxapi.h"
 #include "kxdmapi/kxdmapi.h"
 #include "libutil/unique_fd.h"
+#include "rules/event_attr.h"
 #include "settings.h"
 #include "shown_path.h"
 

@@ -1,4 +1,4 @@
-#include "dir_entries.h"
+#include "walk/dir_entries.h"
 
 #include <dirent.h>
 

@@ -1,4 +1,4 @@
-#include "mount_root.h"
+#include "walk/mount_root.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,5 +1,5 @@
 // The clean-up rules for one regular file.
-#include "file_rules.h"
+#include "rules/file_rules.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,10 +7,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "event_attr.h"
 #include "libutil/unique_fd.h"
 #include "log_file.h"
-#include "policy_info.h"
+#include "rules/event_attr.h"
+#include "rules/policy_info.h"
 #include "settings.h"
 #include "shown_path.h"
 

@@ -3,7 +3,7 @@
 
 #include <sys/stat.h>
 
-#include "dir_state.h"
+#include "rules/dir_state.h"
 
 // A file named by its directory's descriptor and its entry name, so that it
 // is opened and removed inside the directory being walked and nowhere else;

@@ -1,5 +1,5 @@
 // What the walk knows about the directory it is processing.
-#include "dir_state.h"
+#include "rules/dir_state.h"
 
 #include "settings.h"
 

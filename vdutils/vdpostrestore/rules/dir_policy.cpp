@@ -1,11 +1,11 @@
 // A directory's policy view and the deduplication question.
-#include "dir_policy.h"
+#include "rules/dir_policy.h"
 
 #include <cerrno>
 #include <cstring>
 
-#include "event_attr.h"
 #include "libutil/snprintf.h"
+#include "rules/event_attr.h"
 #include "settings.h"
 #include "shown_path.h"
 

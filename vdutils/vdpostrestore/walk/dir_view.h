@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "dir_state.h"
+#include "rules/dir_state.h"
 
 // Fills `state` for the directory open on `fd` (named `path`, inode `ino`):
 // the record inherited from above (`vdp`, may be null) or the one its own
