@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 
@@ -23,6 +24,7 @@ constinit std::atomic<char **> g_read_at_environ{nullptr};
 constinit std::atomic<int> g_mode{kOff};
 constinit std::atomic<bool> g_observe{false};
 constinit std::atomic<bool> g_trace{false};
+constinit std::atomic<long> g_latency_us{0};
 constinit std::atomic<std::uint64_t> g_version{0};
 
 // Guarded by the simulator's lock. Never destroyed: wrappers may run from
@@ -63,6 +65,17 @@ std::string variable(const char *name) {
   return v ? v : "";
 }
 
+// Microseconds of KXSIM_LATENCY_US; 0 unless it is a plain number up to a
+// second's million.
+long latency_from(const std::string &text) {
+  long us = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9' || us > 1000000) return 0;
+    us = us * 10 + (c - '0');
+  }
+  return us <= 1000000 ? us : 0;
+}
+
 bool stale() {
   return g_env_changes.load(std::memory_order_acquire) !=
              g_read_at_changes.load(std::memory_order_acquire) ||
@@ -96,6 +109,7 @@ void reload() {
   g_observe.store(!s.log.empty() || !s.faults.empty() || !s.faults_file.empty(),
                   std::memory_order_relaxed);
   g_trace.store(s.trace, std::memory_order_relaxed);
+  g_latency_us.store(latency_from(variable("KXSIM_LATENCY_US")), std::memory_order_relaxed);
   kept = std::move(s);
   g_version.fetch_add(1, std::memory_order_release);
   g_read_at_environ.store(env, std::memory_order_release);
@@ -142,6 +156,15 @@ bool observation_wanted() {
 bool tracing() {
   sync();
   return g_trace.load(std::memory_order_relaxed);
+}
+
+void wait_request_latency() {
+  sync();
+  const long us = g_latency_us.load(std::memory_order_relaxed);
+  if (us <= 0) return;
+  timespec pause{us / 1000000, (us % 1000000) * 1000};
+  while (clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, &pause) == EINTR) {
+  }
 }
 
 std::uint64_t settings_version() {

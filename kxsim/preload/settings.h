@@ -4,6 +4,9 @@
 //   KXSIM_LOG          the request log (request_log.h)
 //   KXSIM_FAULTS       fault rules; KXSIM_FAULTS_FILE, a file of them
 //   KXSIM_TRACE        "1": trace the simulator's work on standard error
+//   KXSIM_LATENCY_US   microseconds every driver request waits before it is
+//                      served, as on a busy controller; requests from
+//                      several threads wait at the same time
 //
 // Read once per process, and again only after the environment changed. A
 // process changes its own environment through setenv, unsetenv, putenv and
@@ -47,6 +50,9 @@ bool simulator_configured();
 // has nothing else to do with them.
 bool observation_wanted();
 bool tracing();
+// Waits KXSIM_LATENCY_US (if set) before a driver request: without the
+// simulator's lock, so that concurrent requests overlap as on a driver.
+void wait_request_latency();
 
 // Changes whenever the settings are read again.
 std::uint64_t settings_version();

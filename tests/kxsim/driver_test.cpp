@@ -1,6 +1,8 @@
 // The control device, the Dmig frame, and handles with their exact bytes:
 // what the simulated driver answers that no client library checks for it.
+#include <chrono>
 #include <climits>
+#include <thread>
 
 #include "sim_fixture.h"
 
@@ -44,6 +46,29 @@ TEST_F(ControlDeviceTest, MountChangeTimeIsTheRegistrysMtime) {
   Buf by_node(16, 0);
   EXPECT_EQ(0, file_ioctl("/dev/kxfsctl", 0x8010E693, by_node));
   EXPECT_EQ(expected, by_node);
+}
+
+// KXSIM_LATENCY_US delays each request, and requests from two threads wait
+// together rather than one after the other.
+TEST_F(ControlDeviceTest, LatencyDelaysEveryRequestWithoutSerialisingThem) {
+  using Clock = std::chrono::steady_clock;
+  setenv("KXSIM_LATENCY_US", "100000", 1);
+  const int fd = ctl();
+  auto request = [fd] {
+    Buf t(16, 0);
+    return ioctl(fd, 0x8010E693, t.data());
+  };
+  const auto start = Clock::now();
+  int second = -1;
+  std::thread other([&] { second = request(); });
+  EXPECT_EQ(0, request());
+  other.join();
+  const auto took = Clock::now() - start;
+  unsetenv("KXSIM_LATENCY_US");
+  EXPECT_EQ(0, second);
+  EXPECT_GE(took, std::chrono::milliseconds(100));
+  // In turn they would take at least twice the latency.
+  EXPECT_LT(took, std::chrono::milliseconds(200)) << "the two requests waited in turn";
 }
 
 TEST_F(ControlDeviceTest, ClosedDescriptorIsForgotten) {

@@ -9,6 +9,7 @@
 
 #include "kxsim/preload/driver/driver.h"
 #include "kxsim/preload/libc_next.h"
+#include "kxsim/preload/settings.h"
 
 using namespace kxsim;
 
@@ -27,6 +28,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   if (!control_fds && !simulator_configured()) return next::ioctl(fd, request, arg);
   Simulator &sim = Simulator::instance();
   int saved = errno;
+  if (control_request || file_request) wait_request_latency();
   // -2: not the simulator's request.
   int r = guarded([&] {
     Simulator::Scope scope("ioctl");

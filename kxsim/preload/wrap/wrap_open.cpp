@@ -14,6 +14,7 @@
 #include "kxsim/core/sysio.h"
 #include "kxsim/preload/driver/driver.h"
 #include "kxsim/preload/libc_next.h"
+#include "kxsim/preload/settings.h"
 
 using namespace kxsim;
 
@@ -104,6 +105,7 @@ int sim_open(int dirfd, const char *path, int flags, mode_t mode, Real real) {
   bool device = is_control_device(path);
   bool special = is_special_name(path);
   if (!device && !special && !observation_wanted()) return real();
+  if (special) wait_request_latency();  // an open by handle is a driver request
   return guarded([&] { return sim_open_slow(dirfd, path, flags, mode, device, special, real); });
 }
 
