@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -24,13 +25,20 @@ using Files = std::set<std::string>;
 
 // Messages after which the run must not end with status 0.
 constexpr const char *kFatalMessages[] = {
-    "Failed to init dm session",        "Failed to stat directory",
-    "Failed to open directory",         "get_dir_vdp: Cannot open",
-    "Failed to get path-to-handle",     "Failed to lstat file",
-    "Failed to remove file",            "Unable to open vdpolicy",
-    "Unable to obtain vdpolicy information", "Failed to read directory",
-    "changed while it was being processed", "Failed to find the file system",
-    "Cannot place",                     "Failed to write logfile",
+    "Failed to init dm session",
+    "Failed to stat directory",
+    "Failed to open directory",
+    "get_dir_vdp: Cannot open",
+    "Failed to get path-to-handle",
+    "Failed to lstat file",
+    "Failed to remove file",
+    "Unable to open vdpolicy",
+    "Unable to obtain vdpolicy information",
+    "Failed to read directory",
+    "changed while it was being processed",
+    "Failed to find the file system",
+    "Cannot place",
+    "Failed to write logfile",
 };
 
 // A small restored managed file system: relation point, keyed directories
@@ -178,7 +186,8 @@ TEST(PostRestoreCorruptPolicyTest, CorruptPolicyFilesRemoveNothingACleanRunKeeps
   } corruptions[] = {
       {"zeros", [](const std::string &f) { std::ofstream(f) << std::string(64, '\0'); }},
       {"NUL", [](const std::string &f) { std::ofstream(f, std::ios::app) << '\0' << "x\n"; }},
-      {"/dev/zero", [](const std::string &f) { ::unlink(f.c_str()), ::symlink("/dev/zero", f.c_str()); }},
+      {"/dev/zero",
+       [](const std::string &f) { ::unlink(f.c_str()), ::symlink("/dev/zero", f.c_str()); }},
       {"FIFO", [](const std::string &f) { ::unlink(f.c_str()), ::mkfifo(f.c_str(), 0600); }},
   };
   for (const char *key : {"key_101", "key_102", "key_103", "key_104"}) {
@@ -218,6 +227,92 @@ TEST(PostRestoreSubtreeTest, EveryStartDirectoryIsJudgedAsInTheWholeTree) {
     ++starts;
   }
   EXPECT_GT(starts, 10);
+}
+
+// What a run shows and leaves, with the tree's own directory written MNT so
+// that runs on two copies compare: standard output and error, the log
+// after its time stamps, the exit status, the files left, and the requests
+// that change something, in their order.
+struct Outcome {
+  std::string out, err, log, changes;
+  int exit_code;
+  Files left;
+  bool operator==(const Outcome &) const = default;
+};
+
+std::ostream &operator<<(std::ostream &os, const Outcome &o) {
+  return os << "exit " << o.exit_code << "\n--- out\n"
+            << o.out << "--- err\n"
+            << o.err << "--- log\n"
+            << o.log << "--- changes\n"
+            << o.changes;
+}
+
+bool changes_state(const std::string &line) {
+  static const char *const kChanging[] = {
+      "unlink ",      "ioctl 0x40f ", "ioctl 0x422 ", "ioctl 0x425 ", "ioctl 0x40b ",
+      "ioctl 0x426 ", "ioctl 0xd31 ", "ioctl 0xd33 ", "ioctl 0xd39 ", "ioctl 0xd43 "};
+  for (const char *prefix : kChanging)
+    if (line.starts_with(prefix)) return true;
+  return false;
+}
+
+Outcome run_with(const std::vector<std::string> &options, std::string faults) {
+  ManagedTree tree;
+  if (const std::size_t at = faults.find("MNT"); at != std::string::npos)
+    faults.replace(at, 3, tree.mnt());
+  const CmdResult r = tree.run_on(tree.mnt(), options, faults);
+  // Also the policy handle's address that a failed load prints, which
+  // differs between any two runs.
+  auto masked = [&](std::string text) {
+    for (std::size_t at; (at = text.find(tree.mnt())) != std::string::npos;)
+      text.replace(at, tree.mnt().size(), "MNT");
+    return std::regex_replace(text, std::regex("h=0x[0-9a-f]+"), "h=ADDR");
+  };
+  std::string log;
+  for (const std::string &line : vdtest::SplitLines(tree.log()))
+    if (!line.starts_with("#")) log += masked(line) + "\n";
+  std::string changes;
+  for (const std::string &line : tree.LogLines())
+    if (changes_state(line)) changes += masked(line) + "\n";
+  return {masked(r.out), masked(r.err), log, changes, r.exit_code, tree.files()};
+}
+
+// --jobs=8 reads ahead in another order but shows and does exactly what the
+// serial walk does: with each option, and with a request of each kind
+// failing at one object (a fault chosen by path lands on the same object
+// whatever the order of the reads).
+TEST(PostRestoreJobsTest, ReadAheadRunsAreTheSerialRunByteForByte) {
+  ManagedTree probe;
+  ASSERT_EQ(0, probe.run_on(probe.mnt(), {"-r"}).exit_code);
+  // Each request on the first directory and on the first file it went to.
+  std::map<std::string, std::string> one_object_per_request;  // request and kind -> rule
+  for (const std::string &line : probe.LogLines()) {
+    std::istringstream words(line);
+    std::string kind, code, object;
+    if (!(words >> kind >> code >> object) || !object.starts_with(probe.mnt() + "/")) continue;
+    const std::string request = request_rule(line);
+    const bool dir = std::filesystem::is_directory(object);
+    one_object_per_request.emplace(request + (dir ? " dir" : " file"),
+                                   request + ",path=MNT" + object.substr(probe.mnt().size()));
+  }
+  std::vector<std::string> fault_sets = {""};
+  for (const auto &[request, rule] : one_object_per_request)
+    fault_sets.push_back(rule + ",errno=EIO");
+  ASSERT_GT(fault_sets.size(), 4u);
+  const std::vector<std::string> option_sets[] = {
+      {"-r", "-vvv"}, {"-vvv"}, {"-p", "-v"}, {"-r", "-b"}};
+  for (const std::vector<std::string> &options : option_sets) {
+    for (const std::string &faults : fault_sets) {
+      if (!faults.empty() && &options != &option_sets[0]) continue;  // faults with -r -vvv
+      auto serial_options = options, parallel_options = options;
+      serial_options.push_back("--jobs=1");
+      parallel_options.push_back("--jobs=8");
+      const Outcome serial = run_with(serial_options, faults);
+      const Outcome parallel = run_with(parallel_options, faults);
+      EXPECT_EQ(serial, parallel) << "options " << options[0] << " faults " << faults;
+    }
+  }
 }
 
 }  // namespace

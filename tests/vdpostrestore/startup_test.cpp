@@ -55,6 +55,18 @@ TEST_F(PostRestoreStartupTest, RunsThatEndBeforeTheWalk) {
   const std::string not_dir = plain + " is not a directory.\n",
                     no_device = "kind=device,errno=ENOENT";
   const std::string getopt = std::string(VDPOSTRESTORE_BIN) + ": ";
+  const std::string long_options =
+      "Long options:\n"
+      "--jobs=N      read ahead with N threads (1 to 256; default 1). Output, log,\n"
+      "              exit status and every change are those of --jobs=1.\n"
+      "--progress    show a progress line on standard error (default when it is a\n"
+      "              terminal); --no-progress never shows it.\n"
+      "--summary     print one line of counts and the elapsed time at the end.\n"
+      "--version     print the version and exit.\n";
+  auto bad_jobs = [](const std::string &value) {
+    return "Invalid --jobs value '" + value + "': give a number of threads from 1 to 256.\n" +
+           usage_text();
+  };
   auto got = [](const std::string &mount_point) {
     return "Got mount point " + mount_point + ".\n";
   };
@@ -70,9 +82,15 @@ TEST_F(PostRestoreStartupTest, RunsThatEndBeforeTheWalk) {
       {{"-f", log, mnt}, true, 1, refused},
       {{"-h"}, false, 0, usage_text()},
       // --help and --version answer anyone, on standard output.
-      {{"--help"}, true, 0, "", usage_text()},
+      {{"--help"}, true, 0, "", usage_text() + long_options},
       {{"-r", "--version", mnt}, true, 0, "", version},
       {{"-x", mnt}, false, 1, getopt + "invalid option -- 'x'\n" + usage_text()},
+      // The walk's long options: a bad thread count is named, then the usage.
+      {{"--jobs=0", mnt}, false, 1, bad_jobs("0")},
+      {{"--jobs=257", mnt}, false, 1, bad_jobs("257")},
+      {{"-r", "--jobs=8x", mnt}, false, 1, bad_jobs("8x")},
+      {{"--jobs", mnt}, false, 1, bad_jobs("")},
+      {{"--summary", "--jobs=-1", mnt}, false, 1, bad_jobs("-1")},
       {{mnt, "-f"}, false, 1, getopt + "option requires an argument -- 'f'\n" + usage_text()},
       {{}, false, 1, usage_text()},
       {{"-v", "-r"}, false, 1, usage_text()},

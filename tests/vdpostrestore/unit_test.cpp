@@ -1,17 +1,66 @@
-// Units of the tool that need no file system: the mount point's trailing
-// slashes (a lone "/" cannot be walked in a test), the operator's one
-// question, and how paths are shown.
+// Units of the tool that need no simulated file system: the mount point's
+// trailing slashes (a lone "/" cannot be walked in a test), the operator's
+// one question, how paths are shown, and the last look before a file
+// examined ahead of the walk goes.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "options.h"
 #include "rules/dir_policy.h"
+#include "rules/file_rules.h"
 #include "settings.h"
 #include "shown_path.h"
 
 namespace {
+
+// With --jobs a file is examined by another thread before the walk decides
+// about it. A file that has been written since (it has blocks now), or
+// replaced by another, is kept; the file examined, unchanged, goes.
+TEST(PostRestoreReadAheadRaceTest, FileChangedSinceItWasExaminedIsKept) {
+  const std::filesystem::path dir =
+      std::filesystem::temp_directory_path() / ("race." + std::to_string(getpid()));
+  std::filesystem::create_directories(dir);
+  const int dir_fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_GE(dir_fd, 0);
+  // As the read-ahead saw each file: a size and no blocks.
+  auto examined = [&](const char *name) {
+    std::ofstream(dir / name).close();
+    std::filesystem::resize_file(dir / name, 4096);
+    struct stat st;
+    EXPECT_EQ(0, fstatat(dir_fd, name, &st, 0));
+    return st;
+  };
+  const struct stat written = examined("written"), replaced = examined("replaced"),
+                    unchanged = examined("unchanged");
+  std::ofstream(dir / "written") << std::string(4096, 'x');
+  std::filesystem::rename(dir / "replaced", dir / "moved aside");
+  examined("replaced");
+  LogFile = std::tmpfile();
+  Remove_Files = 1;
+  Verbosity = 0;
+  for (const auto &[name, st] : {std::pair{"written", written}, std::pair{"replaced", replaced},
+                                 std::pair{"unchanged", unchanged}}) {
+    const std::string path = (dir / name).string();
+    const FileRef file{dir_fd, name, path.c_str(), nullptr, true, st.st_dev, st.st_ino};
+    EXPECT_TRUE(apply_file_rules(file, st, DirState{})) << name;
+  }
+  EXPECT_TRUE(std::filesystem::exists(dir / "written"));
+  EXPECT_TRUE(std::filesystem::exists(dir / "replaced"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "unchanged"));
+  std::fclose(LogFile);
+  LogFile = nullptr;
+  Remove_Files = 0;
+  Verbosity = 1;
+  close(dir_fd);
+  std::filesystem::remove_all(dir);
+}
 
 TEST(PostRestoreOptionsTest, StripTrailingSlashesKeepsALoneSlash) {
   struct Case {

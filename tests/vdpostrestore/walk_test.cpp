@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <regex>
 
 #include "tool_fixture.h"
 
@@ -62,11 +63,23 @@ TEST_F(PostRestoreWalkTest, ReportsAtEachVerbosityAndRemovesWithR) {
   EXPECT_EQ(level3.size() + 2, SplitLines(r4.out).size());
   EXPECT_TRUE(fs.Exists(".h")) << "a dry run removes nothing";
 
-  r = fs.tool({m, "ignored-second-argument", "-f", fs.log_path(), "-r"});
+  // --summary counts what was reported; with standard error no terminal,
+  // no progress line is drawn unless asked for.
+  r = fs.run({"--summary", "--no-progress"});
+  ASSERT_EQ(0, r.exit_code) << r.err;
+  EXPECT_EQ("", r.err);
+  EXPECT_TRUE(std::regex_search(r.out, std::regex("\nSummary: 2 directories, 4 files examined, 2 "
+                                                  "listed, 0 removed, 101 bytes claimed, 0 "
+                                                  "stripped of policy information, 0 errors, "
+                                                  "[0-9]+\\.[0-9] s\\.\n$")))
+      << r.out;
+
+  r = fs.tool({m, "ignored-second-argument", "-f", fs.log_path(), "-r", "--summary"});
   ASSERT_EQ(0, r.exit_code) << r.err;
   EXPECT_EQ(reported, fs.logged(true));
   EXPECT_EQ(1u, grep(r.out, "  Removing file " + m + "/.h.").size());
   EXPECT_TRUE(grep(r.out, "Would remove").empty());
+  EXPECT_EQ(1u, grep(r.out, ", 0 listed, 2 removed, 101 bytes claimed,").size()) << r.out;
   EXPECT_FALSE(fs.Exists(".h") || fs.Exists(".d/f"));
   EXPECT_TRUE(fs.Exists("full") && fs.Exists("empty"));
 }

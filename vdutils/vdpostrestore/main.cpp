@@ -16,6 +16,7 @@
 #include "libutil/priv_check.h"
 #include "log_file.h"
 #include "options.h"
+#include "run_counts.h"
 #include "settings.h"
 #include "stop_signals.h"
 #include "walk/dir_walk.h"
@@ -70,6 +71,7 @@ int run(int argc, char **argv) {
     return 1;
   }
   set_caller_name(Prog);
+  if (!take_long_options(argc, argv)) return 1;
   switch (parse_command_line(argc, argv)) {
     case OptionsResult::kRun:
       break;
@@ -86,8 +88,11 @@ int run(int argc, char **argv) {
   if (!check_mount_point() || !open_dm_session()) return 1;
   raise_descriptor_limit();
   catch_stop_signals();
-  if (!walk_tree()) return 1;
-  return finish_log_file() ? 0 : 1;
+  start_run_counts();
+  const bool done = walk_tree() && finish_log_file();
+  erase_progress_line();
+  if (Print_Summary) print_summary();
+  return done ? 0 : 1;
 }
 
 // A closed standard stream would hand its number to the next file opened:

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -48,10 +49,74 @@ bool copy_argument(char (&buffer)[kPathBufferSize], const char *arg, const char 
   return true;
 }
 
+// Shown by --help after the usage text.
+constexpr char kLongOptions[] =
+    "Long options:\n"
+    "--jobs=N      read ahead with N threads (1 to %d; default 1). Output, log,\n"
+    "              exit status and every change are those of --jobs=1.\n"
+    "--progress    show a progress line on standard error (default when it is a\n"
+    "              terminal); --no-progress never shows it.\n"
+    "--summary     print one line of counts and the elapsed time at the end.\n"
+    "--version     print the version and exit.\n";
+
+// The value of --jobs=N, or 0 when it is not a number from 1 to kMaxJobs.
+int32_t jobs_value(std::string_view text) {
+  if (text.empty() || text.size() > 3) return 0;
+  int32_t value = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return 0;
+    value = value * 10 + (c - '0');
+  }
+  return value >= 1 && value <= kMaxJobs ? value : 0;
+}
+
+// One of the walk's long options, taken out of argv; false when it is one
+// of them with a bad value (message written).
+enum class LongOption { kNone, kTaken, kBad };
+LongOption take_long_option(std::string_view arg) {
+  if (arg == "--progress" || arg == "--no-progress") {
+    Show_Progress = arg == "--progress" ? 1 : 0;
+    return LongOption::kTaken;
+  }
+  if (arg == "--summary") {
+    Print_Summary = 1;
+    return LongOption::kTaken;
+  }
+  if (arg == "--jobs" || arg.starts_with("--jobs=")) {
+    const std::string_view value = arg.substr(std::min(arg.size(), sizeof "--jobs=" - 1));
+    Jobs = jobs_value(value);
+    if (Jobs != 0) return LongOption::kTaken;
+    ErrPrintf("Invalid --jobs value '%.*s': give a number of threads from 1 to %d.\n",
+              static_cast<int>(value.size()), value.data(), kMaxJobs);
+    return LongOption::kBad;
+  }
+  return LongOption::kNone;
+}
+
 }  // namespace
 
 void usage(FILE *out) {
   (void)std::fprintf(out, kUsage, base_name(Prog), kDefaultLogFile);
+}
+
+bool take_long_options(int &argc, char **argv) {
+  int kept = 1;
+  int i = 1;
+  for (; i < argc && argv[i] != nullptr && std::strcmp(argv[i], "--") != 0; ++i) {
+    switch (take_long_option(argv[i])) {
+      case LongOption::kTaken:
+        continue;
+      case LongOption::kBad:
+        usage(stderr);
+        return false;
+      case LongOption::kNone:
+        argv[kept++] = argv[i];
+    }
+  }
+  while (i < argc) argv[kept++] = argv[i++];
+  argv[kept] = nullptr;
+  argc = kept;
+  return true;
 }
 
 bool handle_long_options(int argc, char **argv) {
@@ -63,6 +128,7 @@ bool handle_long_options(int argc, char **argv) {
     }
     if (std::strcmp(argv[i], "--help") == 0) {
       usage(stdout);
+      (void)std::printf(kLongOptions, kMaxJobs);
       return true;
     }
   }

@@ -19,6 +19,11 @@ void usage(FILE *out);
 // they are answered before anything else.
 bool handle_long_options(int argc, char **argv);
 
+// Takes the walk's long options out of argv (before "--"): --jobs=N,
+// --progress, --no-progress, --summary, so that getopt sees the short
+// options alone. False after a bad value (message and usage written).
+bool take_long_options(int &argc, char **argv);
+
 // Reads the options ("f:bhprv") into the settings, then the mount point
 // (the first argument left) into Mount_Point with its trailing slashes
 // stripped. Arguments that do not fit their 1024-byte buffers are refused

@@ -3,7 +3,9 @@
 // The settings are written during start-up (options.cpp) and read by the
 // walk; Preserve_dedup_files and Prompt_for_dedup_files may also change
 // during the walk, when the operator answers the deduplication question.
-// The tool is single-threaded, so nothing here is locked.
+// Only the walk's committing thread reads or writes them (read-ahead
+// threads, with --jobs, print nothing and decide nothing), so nothing here
+// is locked.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +26,10 @@ extern int32_t Remove_Files;            // -r
 extern int32_t Preserve_dedup_files;    // -b, or "yes" to the question
 extern int32_t Preserve_vdpolicy_info;  // -p
 extern int32_t Prompt_for_dedup_files;  // the question has been asked
+extern int32_t Jobs;                    // --jobs: threads that read ahead of the walk
+extern int32_t Show_Progress;           // --progress 1, --no-progress 0, else -1: a terminal's
+extern int32_t Print_Summary;           // --summary
+inline constexpr int32_t kMaxJobs = 256;
 extern char Mount_Point[kPathBufferSize];
 extern char LogFileName[kPathBufferSize];
 extern FILE *LogFile;

@@ -11,6 +11,7 @@
 #include "log_file.h"
 #include "rules/event_attr.h"
 #include "rules/policy_info.h"
+#include "run_counts.h"
 #include "settings.h"
 #include "shown_path.h"
 
@@ -38,6 +39,18 @@ bool check_stored_copy(const FileRef &file, const DirState &dir) {
   return true;
 }
 
+// A file examined ahead of the walk (--jobs) may have been written since:
+// it goes only if it is still the file examined and still has no blocks.
+bool changed_since_examined(const FileRef &file) {
+  struct stat now;
+  if (fstatat(file.dir_fd, file.name, &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+      now.st_dev == file.examined_dev && now.st_ino == file.examined_ino && S_ISREG(now.st_mode) &&
+      now.st_blocks == 0)
+    return false;
+  VPrintf(1, "  File %s changed since it was examined, Skipping.\n", ShownPath(file.path).c_str());
+  return true;
+}
+
 StoredElsewhere unreadable_bfst(const FileRef &file, const char *reason, bool absent) {
   ErrPrintf("Unable to obtain BFST EA for vdpolicyd managed file %s: %s\n",
             ShownPath(file.path).c_str(), reason);
@@ -46,12 +59,18 @@ StoredElsewhere unreadable_bfst(const FileRef &file, const char *reason, bool ab
 
 }  // namespace
 
-bool apply_file_rules(const FileRef &file, const struct stat &st, const DirState &dir) {
+bool apply_file_rules(const FileRef &ref, const struct stat &st, const DirState &dir) {
+  FileRef file = ref;
+  file.size = st.st_size;
+  ++Run_Counts.files_examined;
   if (dir.relation_point) {
     VPrintf(3, "  File is managed by SM, Skipping.\n");
     return true;
   }
-  if (may_strip_policy_info(dir)) remove_vdpolicy_info(file.dir_fd, file.name, file.path);
+  if (may_strip_policy_info(dir)) {
+    remove_vdpolicy_info(file.dir_fd, file.name, file.path);
+    file.bfst_ahead = nullptr;  // read before the strip: no longer the file's
+  }
   if (st.st_blocks != 0) {
     VPrintf(3, "  File has non-zero allocation of %ld blocks, Skipping.\n",
             static_cast<long>(st.st_blocks));
@@ -66,9 +85,16 @@ bool apply_file_rules(const FileRef &file, const struct stat &st, const DirState
 }
 
 bool remove_file(const FileRef &file) {
+  if (file.examined_ahead && changed_since_examined(file)) return true;
   VPrintf(1, "  %s file %s.\n", Remove_Files ? "Removing" : "Would remove",
           ShownPath(file.path).c_str());
-  if (!Remove_Files) return log_reported_file(file.path);
+  const auto claimed = static_cast<std::uint64_t>(file.size);
+  if (!Remove_Files) {
+    if (!log_reported_file(file.path)) return false;
+    ++Run_Counts.files_listed;
+    Run_Counts.bytes_claimed += claimed;
+    return true;
+  }
   if (!log_removal_ahead(file.path)) return false;
   if (unlinkat(file.dir_fd, file.name, 0) != 0) {
     const int err = errno;
@@ -77,27 +103,36 @@ bool remove_file(const FileRef &file) {
     return false;
   }
   confirm_removal();
+  ++Run_Counts.files_removed;
+  Run_Counts.bytes_claimed += claimed;
   return true;
 }
 
-StoredElsewhere tag_objid_exists(const FileRef &file) {
+BfstRead read_bfst(const FileRef &file) {
+  BfstRead read;
   kx::UniqueFd fd(openat(file.dir_fd, file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!fd) {
-    int err = errno;
-    ErrPrintf("Cannot open WAS managed file %s, errno=%d: %s\n", ShownPath(file.path).c_str(), err,
-              std::strerror(err));
+    read.open_errno = errno;
+    return read;
+  }
+  if (dm_get_dmattr_fd(fd.get(), DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof read.attr.raw,
+                       read.attr.raw, &read.len) != 0)
+    read.read_errno = errno;
+  return read;
+}
+
+StoredElsewhere tag_objid_exists(const FileRef &file) {
+  const BfstRead read = file.bfst_ahead != nullptr ? *file.bfst_ahead : read_bfst(file);
+  if (read.open_errno != 0) {
+    ErrPrintf("Cannot open WAS managed file %s, errno=%d: %s\n", ShownPath(file.path).c_str(),
+              read.open_errno, std::strerror(read.open_errno));
     return StoredElsewhere::kUnknown;
   }
-  event_attr_t event_attr;
-  size_t attr_len = 0;
-  if (dm_get_dmattr_fd(fd.get(), DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof event_attr.raw,
-                       event_attr.raw, &attr_len) != 0) {
-    // Only ENODATA says that the file never had a stored copy recorded.
-    const int err = errno;
-    return unreadable_bfst(file, std::strerror(err), err == ENODATA);
-  }
-  if (attr_len < kBlkFlagsEnd)
-    return unreadable_bfst(file, too_short_reason(attr_len).c_str(), false);
-  return (blk_flags(event_attr) & kBlkFlagsStoredElsewhere) != 0 ? StoredElsewhere::kYes
-                                                                 : StoredElsewhere::kNo;
+  // Only ENODATA says that the file never had a stored copy recorded.
+  if (read.read_errno != 0)
+    return unreadable_bfst(file, std::strerror(read.read_errno), read.read_errno == ENODATA);
+  if (read.len < kBlkFlagsEnd)
+    return unreadable_bfst(file, too_short_reason(read.len).c_str(), false);
+  return (blk_flags(read.attr) & kBlkFlagsStoredElsewhere) != 0 ? StoredElsewhere::kYes
+                                                                : StoredElsewhere::kNo;
 }

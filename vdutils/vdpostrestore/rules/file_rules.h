@@ -3,7 +3,18 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
+
 #include "rules/dir_state.h"
+#include "rules/event_attr.h"
+
+// The answer to one read of a file's "BFST": the open, then the read.
+struct BfstRead {
+  int open_errno = 0;  // not 0: the file could not be opened
+  int read_errno = 0;  // not 0: the attribute could not be read
+  std::size_t len = 0;
+  event_attr_t attr;
+};
 
 // A file named by its directory's descriptor and its entry name, so that it
 // is opened and removed inside the directory being walked and nowhere else;
@@ -12,6 +23,14 @@ struct FileRef {
   int dir_fd;
   const char *name;
   const char *path;
+  // Read ahead by another thread (--jobs): the file's "BFST" as it was read
+  // then (null: read it now), and whether its stat came from then too, so
+  // that it is checked again before the file goes.
+  const BfstRead *bfst_ahead = nullptr;
+  bool examined_ahead = false;
+  dev_t examined_dev = 0;
+  ino_t examined_ino = 0;
+  off_t size = 0;  // for the counts, set by apply_file_rules
 };
 
 // Applies the rules to a regular file whose lstat data is `st`: files under
@@ -34,3 +53,7 @@ enum class StoredElsewhere { kYes, kNo, kNeverStored, kUnknown };
 // Whether the file's "BFST" attribute says that its data is stored in the
 // blockpool or in object storage.
 StoredElsewhere tag_objid_exists(const FileRef &file);
+
+// The open and read behind tag_objid_exists, without a message: what a
+// read-ahead thread may do.
+BfstRead read_bfst(const FileRef &file);

@@ -10,6 +10,7 @@
 #include "kxdmapi/kxdmapi.h"
 #include "libutil/unique_fd.h"
 #include "rules/event_attr.h"
+#include "run_counts.h"
 #include "settings.h"
 #include "shown_path.h"
 
@@ -21,6 +22,7 @@ constexpr uint32_t kExtRepOpFlags = 4;
 }  // namespace
 
 void remove_vdpolicy_info_fd(int fd, const char *path, int is_a_directory) {
+  ++Run_Counts.stripped;
   // Results are not checked: a representation that is absent is the usual
   // case after a restore, and nothing else can be done about the others.
   (void)KxApi_RemoveExternalRep(fd, 0, kExtRepOpFlags, "BLOB");

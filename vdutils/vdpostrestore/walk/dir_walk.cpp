@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "kxdmapi/kxdmapi_types.h"
 #include "libutil/dopanic.h"
@@ -14,6 +15,7 @@
 #include "rules/dir_state.h"
 #include "rules/file_rules.h"
 #include "rules/policy_info.h"
+#include "run_counts.h"
 #include "settings.h"
 #include "shown_path.h"
 #include "stop_signals.h"
@@ -22,6 +24,7 @@
 #include "walk/dir_view.h"
 #include "walk/mount_root.h"
 #include "walk/path_buffer.h"
+#include "walk/read_ahead.h"
 
 static const char kx_source_path[] = "vdutils/vdpostrestore";
 
@@ -50,6 +53,11 @@ class Walker {
     root_dev_ = stat_buff.st_dev;
     StartContext context;
     if (!read_ancestors(fd.get(), stat_buff, context)) return false;
+    if (Jobs > 1) {
+      ahead_ = std::make_unique<ReadAhead>(static_cast<unsigned>(Jobs), root_dev_);
+      const std::shared_ptr<DirAhead> dir = ahead_->adopt(std::move(fd), stat_buff, {});
+      return process_directory_ahead(*dir, context.loaded.get(), context.relation_point);
+    }
     return process_open_directory(std::move(fd), stat_buff, context.loaded.get(),
                                   context.relation_point);
   }
@@ -104,6 +112,7 @@ class Walker {
   // policy information where that is stale.
   bool examine_directory(int fd, const struct stat &dir_st, const Vdp_t *vdp, bool tsm_managed,
                          DirState &state) {
+    ++Run_Counts.directories;
     if (!read_dir_view(fd, path_.c_str(), policy_path(dir_st.st_dev), dir_st.st_ino, vdp,
                        tsm_managed, state)) {
       explain_descriptor_limit(errno);  // the requests open files by handle
@@ -151,23 +160,44 @@ class Walker {
 
   bool process_entries(DirEntries &entries, const DirState &state) {
     while (const char *name = entries.next()) {
-      VPrintf(3, "Got directory entry: %s\n", name);
-      if (stop_requested()) return false;
-      if (is_dot_or_dotdot(name)) {
-        VPrintf(3, "  Skipping entry.\n");
-        continue;
+      switch (begin_entry(name)) {
+        case Entry::kStop:
+          return false;
+        case Entry::kSkip:
+          continue;
+        case Entry::kExamine:
+          break;
       }
-      if (!process_entry(entries.fd(), name, state)) return false;
+      if (!with_entry_path(name, [&] { return examine_entry(entries.fd(), name, state); }))
+        return false;
     }
-    // A stream that fails part-way would leave the log silently incomplete.
+    return end_of_entries();
+  }
+
+  enum class Entry { kExamine, kSkip, kStop };
+  // What every entry gets before it is examined.
+  Entry begin_entry(const char *name) {
+    tick_progress();
+    VPrintf(3, "Got directory entry: %s\n", name);
+    if (stop_requested()) return Entry::kStop;
+    if (is_dot_or_dotdot(name)) {
+      VPrintf(3, "  Skipping entry.\n");
+      return Entry::kSkip;
+    }
+    return Entry::kExamine;
+  }
+
+  // A listing that fails part-way would leave the log silently incomplete.
+  bool end_of_entries() {
     if (errno != 0) return fail("read directory");
     return true;
   }
 
-  bool process_entry(int dir_fd, const char *name, const DirState &state) {
+  template <typename Examine>
+  bool with_entry_path(const char *name, Examine examine) {
     const std::size_t dir_len = path_.size();
     path_.append_child(name);
-    bool ok = examine_entry(dir_fd, name, state);
+    bool ok = examine();
     path_.truncate(dir_len);
     return ok;
   }
@@ -176,6 +206,16 @@ class Walker {
     struct stat st;
     bool mount_root = false;
     if (!stat_entry(dir_fd, name, st, mount_root)) return fail("lstat file");
+    return apply_entry_rules(st, mount_root, FileRef{dir_fd, name, path_.c_str()}, state, [&] {
+      return process_directory(dir_fd, name, st, state.local_vdp, state.relation_point);
+    });
+  }
+
+  // An examined entry: a directory is recursed into (unless another mount
+  // is rooted there), a regular file gets the file rules.
+  template <typename Recurse>
+  bool apply_entry_rules(const struct stat &st, bool mount_root, const FileRef &file,
+                         const DirState &state, Recurse recurse) {
     if (S_ISDIR(st.st_mode)) {
       if (mount_root || st.st_dev != root_dev_) {
         VPrintf(1, "Skipping directory %s: another mount is rooted there.\n",
@@ -183,12 +223,64 @@ class Walker {
         return true;
       }
       VPrintf(3, "Recursing, found a directory.\n");
-      return process_directory(dir_fd, name, st, state.local_vdp, state.relation_point);
+      return recurse();
     }
-    if (S_ISREG(st.st_mode))
-      return apply_file_rules(FileRef{dir_fd, name, path_.c_str()}, st, state);
+    if (S_ISREG(st.st_mode)) return apply_file_rules(file, st, state);
     VPrintf(3, "  Not a regular file, Skipping.\n");
     return true;
+  }
+
+  // The same walk over answers read ahead (--jobs): the order, the
+  // decisions and every message are the serial walk's.
+  bool process_directory_ahead(DirAhead &dir, const Vdp_t *vdp, bool tsm_managed) {
+    DirState state;
+    if (!examine_directory(dir.fd.get(), dir.st, vdp, tsm_managed, state)) return false;
+    VPrintf(4, "Calling opendir.\n");
+    while (std::unique_ptr<EntryAhead> entry = ahead_->next(dir)) {
+      const char *name = entry->name.c_str();
+      switch (begin_entry(name)) {
+        case Entry::kStop:
+          return false;
+        case Entry::kSkip:
+          continue;
+        case Entry::kExamine:
+          break;
+      }
+      if (!with_entry_path(name, [&] { return examine_entry_ahead(dir, *entry, state); }))
+        return false;
+    }
+    return end_of_entries();
+  }
+
+  bool examine_entry_ahead(DirAhead &dir, EntryAhead &entry, const DirState &state) {
+    if (entry.stat_errno != 0) {
+      errno = entry.stat_errno;
+      return fail("lstat file");
+    }
+    const FileRef file{
+        dir.fd.get(), entry.name.c_str(), path_.c_str(),  entry.has_bfst ? &entry.bfst : nullptr,
+        true,         entry.st.st_dev,    entry.st.st_ino};
+    return apply_entry_rules(entry.st, entry.mount_root, file, state, [&] {
+      return enter_directory_ahead(dir, entry, state.local_vdp, state.relation_point);
+    });
+  }
+
+  bool enter_directory_ahead(DirAhead &parent, EntryAhead &entry, const Vdp_t *vdp,
+                             bool tsm_managed) {
+    VPrintf(1, "Processing directory %s.\n", ShownPath(path_.c_str()).c_str());
+    const DepthLevel level(depth_);
+    const std::shared_ptr<DirAhead> dir = ahead_->directory_of(parent, entry);
+    if (dir->open_errno != 0) {
+      errno = dir->open_errno;
+      return fail_open(vdp != nullptr);
+    }
+    if (dir->fstat_errno != 0) {
+      errno = dir->fstat_errno;
+      return fail("stat directory");
+    }
+    KX_ASSERT(S_ISDIR(dir->st.st_mode));
+    if (!opened_as_examined(dir->st, entry.st)) return false;
+    return process_directory_ahead(*dir, vdp, tsm_managed);
   }
 
   // Counts the levels of directories open at once.
@@ -201,6 +293,7 @@ class Walker {
   };
 
   PathBuffer path_;
+  std::unique_ptr<ReadAhead> ahead_;  // with --jobs above 1
   dev_t root_dev_ = 0;
   rlim_t depth_ = 0;
 };

@@ -1,0 +1,114 @@
+// Read-ahead for --jobs=N: N threads make the walk's reads before the walk
+// needs them, and the walk (one thread, in its serial order) takes their
+// answers instead of asking again.
+//
+// What is read ahead is what costs a request per entry and changes nothing:
+// a directory's entries (getdents), each entry's statx, a subdirectory's
+// open and fstat, and the "BFST" of a regular file that has a size and no
+// blocks. Every answer keeps its errno, so that the walk prints the message
+// it would have printed had it asked itself. Decisions, messages, the log,
+// strips and unlinks stay with the walk.
+//
+// Work is taken in the walk's depth-first order (each task carries its
+// position in that order), so that what the walk needs next is read first;
+// and it is bounded: at most a window of entries is held ahead of the walk,
+// and a limited number of directories is held open for it. A directory of a
+// million entries is read a buffer at a time as the walk moves through it.
+//
+// Threads: the walk's thread calls everything here; the workers only run
+// tasks. One mutex guards the queue and every record's state; a record's
+// answers are written by one worker before it is marked done and read by
+// the walk after, under that mutex.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libutil/unique_fd.h"
+#include "rules/file_rules.h"
+
+struct DirAhead;
+
+// One directory entry, read ahead.
+struct EntryAhead {
+  std::string name;
+  std::uint32_t index = 0;  // in its directory's listing
+  bool dot = false;         // "." or "..": nothing to read
+  int stat_errno = 0;
+  struct stat st {};
+  bool mount_root = false;
+  bool has_bfst = false;  // the "BFST" read below was made
+  BfstRead bfst;
+  std::shared_ptr<DirAhead> dir;  // a subdirectory opened ahead, or null
+  bool done = false;
+};
+
+// One directory, opened (by the walk or ahead of it) and listed ahead.
+struct DirAhead {
+  kx::UniqueFd fd;
+  int open_errno = 0;
+  int fstat_errno = 0;
+  struct stat st {};
+  std::vector<std::uint32_t> position;            // in the walk's order
+  std::deque<std::unique_ptr<EntryAhead>> ready;  // listed, not yet taken
+  std::uint32_t listed = 0;
+  bool at_end = false;
+  int list_errno = 0;
+  bool listing = false;       // a listing task is queued or running
+  bool walk_waiting = false;  // the walk waits for its next entry
+};
+
+class ReadAhead {
+ public:
+  // Starts `jobs` worker threads for a walk below root_dev's file system.
+  ReadAhead(unsigned jobs, dev_t root_dev);
+  ~ReadAhead();
+  ReadAhead(const ReadAhead &) = delete;
+  ReadAhead &operator=(const ReadAhead &) = delete;
+
+  // A directory the walk opened itself (the start, or one not opened ahead):
+  // its listing starts now.
+  std::shared_ptr<DirAhead> adopt(kx::UniqueFd fd, const struct stat &st,
+                                  std::vector<std::uint32_t> position);
+  // The directory of an entry, opened ahead or now (then with its errnos).
+  std::shared_ptr<DirAhead> directory_of(DirAhead &parent, EntryAhead &entry);
+  // The next entry of dir with its answers, waiting for them; null at the
+  // end of the listing, with errno 0 or the listing's error.
+  std::unique_ptr<EntryAhead> next(DirAhead &dir);
+
+ private:
+  struct Task {
+    std::vector<std::uint32_t> position;
+    std::shared_ptr<DirAhead> dir;
+    EntryAhead *entry;  // null: list dir
+    bool operator<(const Task &other) const { return position < other.position; }
+  };
+
+  void work();
+  bool runnable(const Task &task) const;
+  void run(const Task &task);
+  void list(const std::shared_ptr<DirAhead> &dir);
+  void read_entry(DirAhead &dir, EntryAhead &entry);
+  void queue_listing(const std::shared_ptr<DirAhead> &dir);
+
+  const dev_t root_dev_;
+  const std::size_t window_;    // entries held ahead of the walk
+  const std::size_t max_dirs_;  // directories held open ahead
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::multiset<Task> queue_;
+  std::size_t entries_ahead_ = 0;
+  std::size_t dirs_ahead_ = 0;
+  bool stopping_ = false;
+  std::vector<std::thread> workers_;
+};
