@@ -60,7 +60,19 @@ int control_ioctl(Simulator &sim, int fd, unsigned long request, void *arg);
 // of its request numbers, or a descriptor outside every simulated mount);
 // the caller then passes it to the C library.
 bool is_file_request(unsigned long request);
-std::optional<int> file_ioctl(Simulator &sim, int fd, unsigned long request, void *arg);
+// What a request on a descriptor needs to know of the object before the
+// simulator's lock: its path and identity. Looked up without the lock, as a
+// driver looks objects up for many requests at once; the answers keep
+// their errnos for the moment the request would have met them.
+struct FdObject {
+  std::string path;
+  int path_errno = 0;
+  Identity id;
+  int id_errno = 0;
+};
+FdObject look_up_fd(int fd);
+std::optional<int> file_ioctl(Simulator &sim, int fd, unsigned long request, void *arg,
+                              const FdObject &object);
 
 // Operation handlers, by family.
 int op_get_dmattr(Simulator &sim, const FileTarget &t, unsigned char *p);

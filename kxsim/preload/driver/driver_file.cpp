@@ -159,11 +159,20 @@ const Mount *mount_of_deep_file(Simulator &sim, int fd, std::string &path) {
   return m;
 }
 
-std::optional<int> file_ioctl(Simulator &sim, int fd, unsigned long request, void *arg) {
+FdObject look_up_fd(int fd) {
+  FdObject object;
+  object.path = sys::fd_path(fd);
+  if (object.path.empty()) object.path_errno = errno;
+  if (!identify_fd(fd, object.id)) object.id_errno = errno;
+  return object;
+}
+
+std::optional<int> file_ioctl(Simulator &sim, int fd, unsigned long request, void *arg,
+                              const FdObject &object) {
   if (!sim.refresh()) return std::nullopt;
-  std::string path = sys::fd_path(fd);
+  std::string path = object.path;
   const Mount *m = path.empty() || path[0] != '/' ? nullptr : sim.config().find_by_path(path);
-  if (path.empty() && errno == ENAMETOOLONG) m = mount_of_deep_file(sim, fd, path);
+  if (path.empty() && object.path_errno == ENAMETOOLONG) m = mount_of_deep_file(sim, fd, path);
   if (!m) return std::nullopt;
   RequestInfo info;
   info.kind = Kind::kIoctl;
@@ -173,8 +182,8 @@ std::optional<int> file_ioctl(Simulator &sim, int fd, unsigned long request, voi
   if (!p) return sim.finish(info, -1, EFAULT);
   describe(request, p, info);
   if (int e = sim.injected(info)) return sim.finish(info, -1, e);
-  FileTarget t{*m, path, {}};
-  if (!identify_fd(fd, t.id)) return sim.finish(info, -1, errno);
+  FileTarget t{*m, path, object.id};
+  if (object.id_errno != 0) return sim.finish(info, -1, object.id_errno);
   // An object of a file system mounted inside the simulated one is not the
   // driver's: the request goes to that file system, which refuses it.
   if (!on_device(t.id, m->dev)) return std::nullopt;

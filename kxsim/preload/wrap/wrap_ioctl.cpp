@@ -29,13 +29,14 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   Simulator &sim = Simulator::instance();
   int saved = errno;
   if (control_request || file_request) wait_request_latency();
+  const FdObject object = file_request ? look_up_fd(fd) : FdObject{};
   // -2: not the simulator's request.
   int r = guarded([&] {
     Simulator::Scope scope("ioctl");
     if (!scope.entered()) return -2;
     if (sim.is_control_fd(fd)) return control_ioctl(sim, fd, request, arg);
     if (!file_request || !simulator_configured()) return -2;
-    auto result = file_ioctl(sim, fd, request, arg);
+    auto result = file_ioctl(sim, fd, request, arg, object);
     return result ? *result : -2;
   });
   if (r != -2) {

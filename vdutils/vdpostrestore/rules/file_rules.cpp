@@ -40,7 +40,8 @@ bool check_stored_copy(const FileRef &file, const DirState &dir) {
 }
 
 // A file examined ahead of the walk (--jobs) may have been written since:
-// it goes only if it is still the file examined and still has no blocks.
+// it goes only if it is still the file examined and still has no blocks. A
+// dry run does not look again: the report is of the tree as it was read.
 bool changed_since_examined(const FileRef &file) {
   struct stat now;
   if (fstatat(file.dir_fd, file.name, &now, AT_SYMLINK_NOFOLLOW) == 0 &&
@@ -85,7 +86,7 @@ bool apply_file_rules(const FileRef &ref, const struct stat &st, const DirState 
 }
 
 bool remove_file(const FileRef &file) {
-  if (file.examined_ahead && changed_since_examined(file)) return true;
+  if (Remove_Files && file.examined_ahead && changed_since_examined(file)) return true;
   VPrintf(1, "  %s file %s.\n", Remove_Files ? "Removing" : "Would remove",
           ShownPath(file.path).c_str());
   const auto claimed = static_cast<std::uint64_t>(file.size);
