@@ -95,6 +95,19 @@ Simulator::Scope::Scope(const char *what) {
   entered_ = true;
 }
 
+Simulator::Unlocked::Unlocked() {
+  if (!t_inside) return;
+  t_inside = false;
+  g_lock.unlock();
+  released_ = true;
+}
+
+Simulator::Unlocked::~Unlocked() {
+  if (!released_) return;
+  g_lock.lock();
+  t_inside = true;
+}
+
 Simulator::Scope::~Scope() {
   if (!entered_) return;
   t_inside = false;

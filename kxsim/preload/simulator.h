@@ -65,6 +65,20 @@ class Simulator {
    private:
     bool entered_ = false;
   };
+  // Lets go of the lock for a wait on the file system (an object's lookup,
+  // an open) that touches no simulator state, so that other requests are
+  // served meanwhile, as a driver serves them; takes it back when done.
+  // Nothing found under the lock before may be relied on after.
+  class Unlocked {
+   public:
+    Unlocked();
+    ~Unlocked();
+    Unlocked(const Unlocked &) = delete;
+    Unlocked &operator=(const Unlocked &) = delete;
+
+   private:
+    bool released_ = false;
+  };
   // True while this thread holds the lock (runs simulator code).
   static bool inside();
 

@@ -131,12 +131,19 @@ int op_path_to_handle(Simulator &sim, unsigned char *p, RequestInfo &info) {
   if (len != 0 && flags > 2) return EINVAL;
   std::string path;
   Identity id;
-  int err = len ? look_up_object(raw, flags != 2, path, id) : ENOENT;
+  int err = ENOENT;
+  if (len != 0) {
+    const Simulator::Unlocked unlocked;
+    err = look_up_object(raw, flags != 2, path, id);
+  }
   if (err == 0) info.object = path;
   std::uint64_t ran = sim.faults().commands_run();
   if (int e = sim.injected(info)) return e;
   if (len == 0) return ENOENT;
-  if (ran != sim.faults().commands_run()) err = look_up_object(raw, flags != 2, path, id);
+  if (ran != sim.faults().commands_run()) {
+    const Simulator::Unlocked unlocked;
+    err = look_up_object(raw, flags != 2, path, id);
+  }
   if (err) return err;
   const Mount *m = sim.config().find_by_path(path);
   if (!m) return EINVAL;                      // not a kxfs file system

@@ -58,9 +58,15 @@ int open_special(Simulator &sim, const std::string &abs, int flags, mode_t mode)
   if (ran != sim.faults().commands_run()) e = resolve_file_handle(sim, *m, *h, target);
   if (e) return sim.finish(info, -1, e);
   // The object may lie deeper than one path can reach.
-  const sys::AtPath at = sys::at_path(target);
-  int fd = next::openat(at.dirfd(), at.rest.c_str(), flags, mode);
-  return sim.finish(info, fd, fd < 0 ? errno : 0);
+  int fd = -1;
+  int err = 0;
+  {
+    const Simulator::Unlocked unlocked;
+    const sys::AtPath at = sys::at_path(target);
+    fd = next::openat(at.dirfd(), at.rest.c_str(), flags, mode);
+    if (fd < 0) err = errno;
+  }
+  return sim.finish(info, fd, err);
 }
 
 template <typename Real>

@@ -25,19 +25,17 @@ constexpr dm_eventset_t event_bit(dm_eventtype_t event) {
 constexpr dm_eventset_t kRelationPointEvents =
     event_bit(DM_EVENT_CREATE) | event_bit(DM_EVENT_REMOVE) | event_bit(DM_EVENT_LINK);
 
-void check_event_mask(const DmHandle &handle, const char *dir_path, bool &relation_point) {
-  dm_stat_t dm_stat_buff{};
-  if (dm_get_fileattr(DM_NO_SESSION, handle.hanp, handle.hlen, DM_NO_TOKEN, 0, &dm_stat_buff) !=
-      0) {
+void judge_event_mask(const RelationRead &read, const char *dir_path, bool &relation_point) {
+  if (read.fileattr_errno != 0) {
     ErrPrintf("Failed to get attributes for directory %s: %s.\n", ShownPath(dir_path).c_str(),
-              std::strerror(errno));
+              std::strerror(read.fileattr_errno));
     // The storage manager's attribute is there and its events cannot be
     // read: the directory may well be a relation point, and its files are
     // kept rather than risked.
     relation_point = true;
     return;
   }
-  if ((dm_stat_buff.dt_emask & kRelationPointEvents) == kRelationPointEvents) {
+  if ((read.events & kRelationPointEvents) == kRelationPointEvents) {
     relation_point = true;
     VPrintf(3, "Directory %s is under a SM relation point.\n", ShownPath(dir_path).c_str());
   } else {
@@ -68,20 +66,17 @@ bool file_system_located(const DmHandle &handle) {
 
 }  // namespace
 
-bool get_dir_attrs(int dir_fd, const char *dir_path, uint64_t dir_ino, bool &relation_point) {
-  relation_point = false;
+RelationRead read_relation_attrs(int dir_fd, const char *dir_path, uint64_t dir_ino) {
+  RelationRead read;
   DmHandle handle;
   const bool by_path = std::strlen(dir_path) < DM_PATH_MAX;
   if ((by_path ? dm_path_to_handle(dir_path, &handle.hanp, &handle.hlen)
                : dm_fd_to_handle(dir_fd, &handle.hanp, &handle.hlen)) != 0) {
-    ErrPrintf("Failed to get path-to-handle for directory %s: %s.\n", ShownPath(dir_path).c_str(),
-              std::strerror(errno));
-    return false;
+    read.handle_errno = errno;
+    return read;
   }
-  if (!handle_names(handle, dir_ino)) {
-    ErrPrintf("Directory %s changed while it was being processed.\n", ShownPath(dir_path).c_str());
-    return false;
-  }
+  read.names_dir = handle_names(handle, dir_ino);
+  if (!read.names_dir) return read;
   char buffer[kVdeaBufferSize];
   size_t returned_len = 0;
   int rc = dm_get_dmattr(DM_NO_SESSION, handle.hanp, handle.hlen, DM_NO_TOKEN, &kVdeaAttrName,
@@ -93,17 +88,44 @@ bool get_dir_attrs(int dir_fd, const char *dir_path, uint64_t dir_ino, bool &rel
     rc = dm_get_dmattr_fd(dir_fd, DM_NO_SESSION, DM_NO_TOKEN, &kVdeaAttrName, sizeof buffer, buffer,
                           &returned_len);
   }
-  if (rc == 0) {
+  if (rc != 0) {
+    read.vdea_errno = errno != 0 ? errno : EIO;
+    if (read.vdea_errno == ENOENT) read.fs_located = file_system_located(handle);
+    return read;
+  }
+  dm_stat_t dm_stat_buff{};
+  if (dm_get_fileattr(DM_NO_SESSION, handle.hanp, handle.hlen, DM_NO_TOKEN, 0, &dm_stat_buff) != 0)
+    read.fileattr_errno = errno != 0 ? errno : EIO;
+  else
+    read.events = dm_stat_buff.dt_emask;
+  return read;
+}
+
+bool get_dir_attrs(int dir_fd, const char *dir_path, uint64_t dir_ino, bool &relation_point,
+                   const RelationRead *ahead) {
+  relation_point = false;
+  const RelationRead read =
+      ahead != nullptr ? *ahead : read_relation_attrs(dir_fd, dir_path, dir_ino);
+  if (read.handle_errno != 0) {
+    ErrPrintf("Failed to get path-to-handle for directory %s: %s.\n", ShownPath(dir_path).c_str(),
+              std::strerror(read.handle_errno));
+    return false;
+  }
+  if (!read.names_dir) {
+    ErrPrintf("Directory %s changed while it was being processed.\n", ShownPath(dir_path).c_str());
+    return false;
+  }
+  if (read.vdea_errno == 0) {
     VPrintf(3, "Dir has attributes.\n");
-    check_event_mask(handle, dir_path, relation_point);
+    judge_event_mask(read, dir_path, relation_point);
     return true;
   }
-  if (errno == ENODATA || (errno == ENOENT && file_system_located(handle))) {
+  if (read.vdea_errno == ENODATA || (read.vdea_errno == ENOENT && read.fs_located)) {
     VPrintf(3, "Not a relation point, no attributes found for directory %s.\n",
             ShownPath(dir_path).c_str());
     return true;
   }
   ErrPrintf("Failed to get xattr for directory %s: %s.\n", ShownPath(dir_path).c_str(),
-            std::strerror(errno));
-  return rc >= 0;
+            std::strerror(read.vdea_errno));
+  return false;
 }

@@ -14,17 +14,25 @@ constexpr std::size_t kErrMsgSize = 256;
 constexpr std::size_t kAnswerSize = 80;
 }  // namespace
 
+BfstRead read_dir_bfst(int dir_fd) {
+  BfstRead read;
+  if (dm_get_dmattr_fd(dir_fd, DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof read.attr.raw,
+                       read.attr.raw, &read.len) != 0)
+    read.read_errno = errno != 0 ? errno : EIO;
+  return read;
+}
+
 int get_dir_vdp(int dir_fd, const char *dir_path, const char *policy_path, OwnedVdp &loaded,
-                bool &has_vdpd_info, bool &policy_unknown) {
+                bool &has_vdpd_info, bool &policy_unknown, const BfstRead *ahead) {
   has_vdpd_info = false;
   policy_unknown = false;
-  event_attr_t event_attr;
-  size_t attr_len = 0;
-  if (dm_get_dmattr_fd(dir_fd, DM_NO_SESSION, DM_NO_TOKEN, &kBfstAttrName, sizeof event_attr.raw,
-                       event_attr.raw, &attr_len) != 0) {
-    if (errno == ENODATA || errno == ENOENT) return 0;  // no policy of its own
+  const BfstRead read = ahead != nullptr ? *ahead : read_dir_bfst(dir_fd);
+  const event_attr_t &event_attr = read.attr;
+  const size_t attr_len = read.len;
+  if (read.read_errno != 0) {
+    if (read.read_errno == ENODATA || read.read_errno == ENOENT) return 0;  // no policy of its own
     ErrPrintf("Failed to get xattr for directory %s: %s.\n", ShownPath(dir_path).c_str(),
-              std::strerror(errno));
+              std::strerror(read.read_errno));
     // The directory may carry a policy that keeps copies of its files
     // elsewhere: without knowing it, nothing below may go.
     policy_unknown = true;

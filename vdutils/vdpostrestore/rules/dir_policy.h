@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "rules/dir_state.h"
+#include "rules/event_attr.h"
 
 // Reads the "BFST" attribute of the directory open on `dir_fd` (named
 // `dir_path`). Without one the directory has no policy of its own: result
@@ -18,8 +19,12 @@
 // walk then keeps everything below the directory. The walk opens the
 // directory, and reports a failure to do so as "get_dir_vdp: Cannot open
 // DIR, REASON".
+// `ahead`: the "BFST" as a read-ahead thread read it (null: read it now).
 int get_dir_vdp(int dir_fd, const char *dir_path, const char *policy_path, OwnedVdp &loaded,
-                bool &has_vdpd_info, bool &policy_unknown);
+                bool &has_vdpd_info, bool &policy_unknown, const BfstRead *ahead = nullptr);
+
+// The read behind get_dir_vdp, without a message.
+BfstRead read_dir_bfst(int dir_fd);
 
 // Asks once per run whether to keep deduplicated files; reads the answer
 // from `in`. Sets Preserve_dedup_files on "y"/"Y" or at end of input, and

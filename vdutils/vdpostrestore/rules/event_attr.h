@@ -19,6 +19,14 @@ struct event_attr_t {
 
 inline constexpr uint16_t kBlkFlagsStoredElsewhere = BFST_FLAG_STORED | BFST_FLAG_OBJS_STORED;
 
+// The answer to one read of a "BFST": the open (of a file), then the read.
+struct BfstRead {
+  int open_errno = 0;  // not 0: the file could not be opened
+  int read_errno = 0;  // not 0: the attribute could not be read
+  std::size_t len = 0;
+  event_attr_t attr;
+};
+
 // A value shorter than the field the reader needs says nothing about it:
 // its missing bytes would read as zeros, a key of 0 or no stored copy.
 inline constexpr std::size_t kBlkKeyEnd = BFST_KEY_END;

@@ -8,14 +8,6 @@
 #include "rules/dir_state.h"
 #include "rules/event_attr.h"
 
-// The answer to one read of a file's "BFST": the open, then the read.
-struct BfstRead {
-  int open_errno = 0;  // not 0: the file could not be opened
-  int read_errno = 0;  // not 0: the attribute could not be read
-  std::size_t len = 0;
-  event_attr_t attr;
-};
-
 // A file named by its directory's descriptor and its entry name, so that it
 // is opened and removed inside the directory being walked and nowhere else;
 // `path` is its full name for messages and the log.

@@ -4,7 +4,9 @@
 
 #include <cstdint>
 
+#include "rules/dir_attrs.h"
 #include "rules/dir_state.h"
+#include "rules/event_attr.h"
 
 // Fills `state` for the directory open on `fd` (named `path`, inode `ino`):
 // the record inherited from above (`vdp`, may be null) or the one its own
@@ -14,5 +16,12 @@
 // directory whose policy cannot be known counts as under a relation point.
 // Changes nothing on the file system. False after a fatal error (message
 // written).
+// `ahead`: the directory's reads made earlier by a read-ahead thread (null:
+// make them now).
+struct DirReads {
+  BfstRead bfst;
+  RelationRead relation;
+};
 [[nodiscard]] bool read_dir_view(int fd, const char *path, const char *policy_path, uint64_t ino,
-                                 const Vdp_t *vdp, bool under_relation_point, DirState &state);
+                                 const Vdp_t *vdp, bool under_relation_point, DirState &state,
+                                 const DirReads *ahead = nullptr);

@@ -55,7 +55,8 @@ class Walker {
     if (!read_ancestors(fd.get(), stat_buff, context)) return false;
     if (Jobs > 1) {
       ahead_ = std::make_unique<ReadAhead>(static_cast<unsigned>(Jobs), root_dev_);
-      const std::shared_ptr<DirAhead> dir = ahead_->adopt(std::move(fd), stat_buff, {});
+      const std::shared_ptr<DirAhead> dir =
+          ahead_->adopt(path_.c_str(), std::move(fd), stat_buff, {});
       return process_directory_ahead(*dir, context.loaded.get(), context.relation_point);
     }
     return process_open_directory(std::move(fd), stat_buff, context.loaded.get(),
@@ -111,10 +112,10 @@ class Walker {
   // `fd` (steps that precede reading its entries), and strips its own
   // policy information where that is stale.
   bool examine_directory(int fd, const struct stat &dir_st, const Vdp_t *vdp, bool tsm_managed,
-                         DirState &state) {
+                         DirState &state, const DirReads *ahead = nullptr) {
     ++Run_Counts.directories;
     if (!read_dir_view(fd, path_.c_str(), policy_path(dir_st.st_dev), dir_st.st_ino, vdp,
-                       tsm_managed, state)) {
+                       tsm_managed, state, ahead)) {
       explain_descriptor_limit(errno);  // the requests open files by handle
       return false;
     }
@@ -234,7 +235,9 @@ class Walker {
   // decisions and every message are the serial walk's.
   bool process_directory_ahead(DirAhead &dir, const Vdp_t *vdp, bool tsm_managed) {
     DirState state;
-    if (!examine_directory(dir.fd.get(), dir.st, vdp, tsm_managed, state)) return false;
+    if (!examine_directory(dir.fd.get(), dir.st, vdp, tsm_managed, state,
+                           dir.has_reads ? &dir.reads : nullptr))
+      return false;
     VPrintf(4, "Calling opendir.\n");
     while (std::unique_ptr<EntryAhead> entry = ahead_->next(dir)) {
       const char *name = entry->name.c_str();

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "rules/dir_attrs.h"
+#include "rules/dir_policy.h"
 #include "walk/mount_root.h"
 
 namespace {
@@ -20,6 +22,11 @@ constexpr std::size_t kListBufferSize = 32768;
 // per worker.
 constexpr std::size_t kEntriesPerJob = 512;
 constexpr std::size_t kDirsPerJob = 16;
+
+// As the walk names a child: no doubled slash below "/".
+std::string child_path(const std::string &parent, const std::string &name) {
+  return parent.ends_with('/') ? parent + name : parent + "/" + name;
+}
 
 bool is_dot_or_dotdot(const char *name) {
   return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
@@ -47,9 +54,10 @@ ReadAhead::~ReadAhead() {
   for (std::thread &worker : workers_) worker.join();
 }
 
-std::shared_ptr<DirAhead> ReadAhead::adopt(kx::UniqueFd fd, const struct stat &st,
+std::shared_ptr<DirAhead> ReadAhead::adopt(std::string path, kx::UniqueFd fd, const struct stat &st,
                                            std::vector<std::uint32_t> position) {
   auto dir = std::make_shared<DirAhead>();
+  dir->path = std::move(path);
   dir->fd = std::move(fd);
   dir->st = st;
   dir->position = std::move(position);
@@ -67,6 +75,7 @@ std::shared_ptr<DirAhead> ReadAhead::directory_of(DirAhead &parent, EntryAhead &
   }
   // Not opened ahead (too many were): opened now, as the walk would.
   auto dir = std::make_shared<DirAhead>();
+  dir->path = child_path(parent.path, entry.name);
   dir->position = parent.position;
   dir->position.push_back(entry.index);
   dir->fd = kx::UniqueFd(openat(parent.fd.get(), entry.name.c_str(), kDirOpenFlags));
@@ -206,6 +215,7 @@ void ReadAhead::read_entry(DirAhead &dir, EntryAhead &entry) {
     ++dirs_ahead_;
   }
   auto sub = std::make_shared<DirAhead>();
+  sub->path = child_path(dir.path, entry.name);
   sub->position = dir.position;
   sub->position.push_back(entry.index);
   sub->fd = kx::UniqueFd(openat(dir.fd.get(), entry.name.c_str(), kDirOpenFlags));
@@ -213,7 +223,18 @@ void ReadAhead::read_entry(DirAhead &dir, EntryAhead &entry) {
     sub->open_errno = errno;
   else if (fstat(sub->fd.get(), &sub->st) != 0)
     sub->fstat_errno = errno;
+  const bool opened = sub->open_errno == 0 && sub->fstat_errno == 0;
+  if (opened) {
+    // Listed by another thread while this one reads the directory's own
+    // attributes.
+    std::lock_guard lock(mutex_);
+    queue_listing(sub);
+  }
+  if (opened && S_ISDIR(sub->st.st_mode)) {
+    sub->reads.bfst = read_dir_bfst(sub->fd.get());
+    sub->reads.relation = read_relation_attrs(sub->fd.get(), sub->path.c_str(), sub->st.st_ino);
+    sub->has_reads = true;
+  }
   std::lock_guard lock(mutex_);
   entry.dir = sub;
-  if (sub->open_errno == 0 && sub->fstat_errno == 0) queue_listing(sub);
 }

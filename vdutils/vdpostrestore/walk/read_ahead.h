@@ -36,6 +36,7 @@
 
 #include "libutil/unique_fd.h"
 #include "rules/file_rules.h"
+#include "walk/dir_view.h"
 
 struct DirAhead;
 
@@ -55,10 +56,13 @@ struct EntryAhead {
 
 // One directory, opened (by the walk or ahead of it) and listed ahead.
 struct DirAhead {
+  std::string path;
   kx::UniqueFd fd;
   int open_errno = 0;
   int fstat_errno = 0;
   struct stat st {};
+  bool has_reads = false;  // its own attributes were read ahead too
+  DirReads reads;
   std::vector<std::uint32_t> position;            // in the walk's order
   std::deque<std::unique_ptr<EntryAhead>> ready;  // listed, not yet taken
   std::uint32_t listed = 0;
@@ -78,7 +82,7 @@ class ReadAhead {
 
   // A directory the walk opened itself (the start, or one not opened ahead):
   // its listing starts now.
-  std::shared_ptr<DirAhead> adopt(kx::UniqueFd fd, const struct stat &st,
+  std::shared_ptr<DirAhead> adopt(std::string path, kx::UniqueFd fd, const struct stat &st,
                                   std::vector<std::uint32_t> position);
   // The directory of an entry, opened ahead or now (then with its errnos).
   std::shared_ptr<DirAhead> directory_of(DirAhead &parent, EntryAhead &entry);
