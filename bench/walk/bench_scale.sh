@@ -86,10 +86,11 @@ stats() {
 # round <tree> <rotation>: every contender once, in a rotated order.
 round() {
   tree=$1
+  rotation=$2
   dir="$WORK/mnt/$tree"
   set -- tool1 tool16 find floor pfloor
   i=0
-  while [ "$i" -lt "$2" ]; do
+  while [ "$i" -lt "$rotation" ]; do
     first=$1
     shift
     set -- "$@" "$first"
