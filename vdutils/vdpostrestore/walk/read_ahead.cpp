@@ -22,6 +22,8 @@ constexpr std::size_t kListBufferSize = 32768;
 // per worker.
 constexpr std::size_t kEntriesPerJob = 512;
 constexpr std::size_t kDirsPerJob = 16;
+// The most entries one thread takes at once.
+constexpr std::uint32_t kMaxChunk = 64;
 
 // As the walk names a child: no doubled slash below "/".
 std::string child_path(const std::string &parent, const std::string &name) {
@@ -40,7 +42,10 @@ bool may_need_bfst(const struct stat &st) {
 }  // namespace
 
 ReadAhead::ReadAhead(unsigned jobs, dev_t root_dev)
-    : root_dev_(root_dev), window_(kEntriesPerJob * jobs), max_dirs_(kDirsPerJob * jobs) {
+    : jobs_(jobs),
+      root_dev_(root_dev),
+      window_(kEntriesPerJob * jobs),
+      max_dirs_(kDirsPerJob * jobs) {
   workers_.reserve(jobs);
   for (unsigned i = 0; i < jobs; ++i) workers_.emplace_back([this] { work(); });
 }
@@ -50,7 +55,7 @@ ReadAhead::~ReadAhead() {
     std::lock_guard lock(mutex_);
     stopping_ = true;
   }
-  changed_.notify_all();
+  work_.notify_all();
   for (std::thread &worker : workers_) worker.join();
 }
 
@@ -62,7 +67,7 @@ std::shared_ptr<DirAhead> ReadAhead::adopt(std::string path, kx::UniqueFd fd, co
   dir->st = st;
   dir->position = std::move(position);
   std::lock_guard lock(mutex_);
-  queue_listing(dir);
+  update_active(dir);
   return dir;
 }
 
@@ -70,7 +75,6 @@ std::shared_ptr<DirAhead> ReadAhead::directory_of(DirAhead &parent, EntryAhead &
   if (entry.dir) {
     std::lock_guard lock(mutex_);
     --dirs_ahead_;
-    changed_.notify_all();
     return std::move(entry.dir);
   }
   // Not opened ahead (too many were): opened now, as the walk would.
@@ -88,80 +92,109 @@ std::shared_ptr<DirAhead> ReadAhead::directory_of(DirAhead &parent, EntryAhead &
     return dir;
   }
   std::lock_guard lock(mutex_);
-  queue_listing(dir);
+  update_active(dir);
   return dir;
 }
 
 std::unique_ptr<EntryAhead> ReadAhead::next(DirAhead &dir) {
   std::unique_lock lock(mutex_);
   for (;;) {
-    if (!dir.ready.empty() && dir.ready.front()->done) {
+    if (!dir.ready.empty()) {
+      EntryAhead &front = *dir.ready.front();
+      if (!front.done.load(std::memory_order_acquire) && front.index == dir.claimed) {
+        // Nobody has taken it: the walk reads it itself rather than wait.
+        ++dir.claimed;
+        lock.unlock();
+        read_entry(dir, front);
+        front.done.store(true, std::memory_order_release);
+        lock.lock();
+      }
+      if (!front.done.load(std::memory_order_acquire)) {
+        lock.unlock();
+        front.done.wait(false, std::memory_order_acquire);
+        lock.lock();
+      }
       std::unique_ptr<EntryAhead> entry = std::move(dir.ready.front());
       dir.ready.pop_front();
-      --entries_ahead_;
-      dir.walk_waiting = false;
-      changed_.notify_all();
+      if (entries_ahead_-- == window_) work_.notify_all();  // room to list again
       return entry;
     }
-    if (dir.ready.empty() && dir.at_end) {
-      dir.walk_waiting = false;
+    if (dir.at_end) {
       errno = dir.list_errno;
       return nullptr;
     }
-    if (dir.ready.empty() && !dir.walk_waiting) {
-      dir.walk_waiting = true;  // the listing goes ahead of the window
-      changed_.notify_all();
-    }
-    changed_.wait(lock);
+    dir.walk_waiting = true;  // its listing goes ahead of the window
+    work_.notify_all();
+    walk_.wait(lock);
+    dir.walk_waiting = false;
   }
 }
 
-void ReadAhead::queue_listing(const std::shared_ptr<DirAhead> &dir) {
-  std::vector<std::uint32_t> position = dir->position;
-  position.push_back(dir->listed);
-  dir->listing = true;
-  queue_.insert(Task{std::move(position), dir, nullptr});
-  changed_.notify_all();
+bool ReadAhead::has_entries_to_read(const DirAhead &dir) const {
+  return dir.claimed < dir.listed;
 }
 
-bool ReadAhead::runnable(const Task &task) const {
-  if (task.entry != nullptr) return true;
-  return task.dir->walk_waiting || entries_ahead_ < window_;
+bool ReadAhead::may_list(const DirAhead &dir) const {
+  return !dir.at_end && !dir.listing && (dir.walk_waiting || entries_ahead_ < window_);
+}
+
+// A directory is in active_ while it has entries nobody reads or may be
+// listed further.
+void ReadAhead::update_active(const std::shared_ptr<DirAhead> &dir) {
+  if (has_entries_to_read(*dir) || (!dir->at_end && !dir->listing)) {
+    if (active_.insert(dir).second) work_.notify_one();
+  } else {
+    active_.erase(dir);
+  }
 }
 
 void ReadAhead::work() {
   std::unique_lock lock(mutex_);
-  for (;;) {
-    if (stopping_) return;
-    auto found = std::find_if(queue_.begin(), queue_.end(),
-                              [this](const Task &task) { return runnable(task); });
-    if (found == queue_.end()) {
-      changed_.wait(lock);
+  while (!stopping_) {
+    auto found = std::find_if(active_.begin(), active_.end(), [this](const auto &dir) {
+      return has_entries_to_read(*dir) || may_list(*dir);
+    });
+    if (found == active_.end()) {
+      work_.wait(lock);
       continue;
     }
-    const Task task = *found;
-    queue_.erase(found);
-    lock.unlock();
-    run(task);
-    lock.lock();
+    const std::shared_ptr<DirAhead> dir = *found;
+    if (has_entries_to_read(*dir))
+      read_chunk(dir, lock);
+    else
+      list(dir, lock);
   }
 }
 
-void ReadAhead::run(const Task &task) {
-  if (task.entry == nullptr) {
-    list(task.dir);
-    return;
+// Takes the next entries of dir nobody reads: a share that keeps every
+// thread busy on a slow file system, a run long enough to cost few locks
+// on a fast one.
+void ReadAhead::read_chunk(const std::shared_ptr<DirAhead> &dir,
+                           std::unique_lock<std::mutex> &lock) {
+  const std::uint32_t waiting = dir->listed - dir->claimed;
+  const std::uint32_t count = std::clamp<std::uint32_t>(
+      waiting / (2 * jobs_), 1, std::min<std::uint32_t>(kMaxChunk, waiting));
+  EntryAhead *chunk[kMaxChunk];
+  const std::uint32_t front = dir->ready.front()->index;
+  for (std::uint32_t i = 0; i < count; ++i) chunk[i] = dir->ready[dir->claimed - front + i].get();
+  dir->claimed += count;
+  update_active(dir);
+  lock.unlock();
+  for (std::uint32_t i = 0; i < count; ++i) {
+    read_entry(*dir, *chunk[i]);
+    chunk[i]->done.store(true, std::memory_order_release);
+    chunk[i]->done.notify_one();
   }
-  read_entry(*task.dir, *task.entry);
-  std::lock_guard lock(mutex_);
-  task.entry->done = true;
-  changed_.notify_all();
+  lock.lock();
 }
 
-// One getdents of dir: its entries join the queue in the walk's order, and
-// the listing goes on behind them until the end.
-void ReadAhead::list(const std::shared_ptr<DirAhead> &shared) {
+// One getdents of dir: its entries join the ones to read, and the listing
+// goes on behind them until the end.
+void ReadAhead::list(const std::shared_ptr<DirAhead> &shared, std::unique_lock<std::mutex> &lock) {
   DirAhead &dir = *shared;
+  dir.listing = true;
+  update_active(shared);
+  lock.unlock();
   thread_local std::unique_ptr<char[]> buffer(new char[kListBufferSize]);
   const ssize_t n = getdents64(dir.fd.get(), buffer.get(), kListBufferSize);
   const int err = n < 0 ? errno : 0;
@@ -174,17 +207,11 @@ void ReadAhead::list(const std::shared_ptr<DirAhead> &shared) {
     auto entry = std::make_unique<EntryAhead>();
     entry->name = record->d_name;
     entry->dot = is_dot_or_dotdot(record->d_name);
-    entry->done = entry->dot;
     listed.push_back(std::move(entry));
   }
-  std::lock_guard lock(mutex_);
+  lock.lock();
   for (auto &entry : listed) {
     entry->index = dir.listed++;
-    if (!entry->dot) {
-      std::vector<std::uint32_t> position = dir.position;
-      position.push_back(entry->index);
-      queue_.insert(Task{std::move(position), shared, entry.get()});
-    }
     ++entries_ahead_;
     dir.ready.push_back(std::move(entry));
   }
@@ -192,13 +219,14 @@ void ReadAhead::list(const std::shared_ptr<DirAhead> &shared) {
   if (n <= 0) {
     dir.at_end = true;
     dir.list_errno = err;
-  } else {
-    queue_listing(shared);
   }
-  changed_.notify_all();
+  update_active(shared);
+  work_.notify_all();
+  walk_.notify_all();
 }
 
 void ReadAhead::read_entry(DirAhead &dir, EntryAhead &entry) {
+  if (entry.dot) return;
   if (!stat_entry(dir.fd.get(), entry.name.c_str(), entry.st, entry.mount_root)) {
     entry.stat_errno = errno;
     return;
@@ -228,7 +256,7 @@ void ReadAhead::read_entry(DirAhead &dir, EntryAhead &entry) {
     // Listed by another thread while this one reads the directory's own
     // attributes.
     std::lock_guard lock(mutex_);
-    queue_listing(sub);
+    update_active(sub);
   }
   if (opened && S_ISDIR(sub->st.st_mode)) {
     sub->reads.bfst = read_dir_bfst(sub->fd.get());

@@ -23,6 +23,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -51,10 +52,12 @@ struct EntryAhead {
   bool has_bfst = false;  // the "BFST" read below was made
   BfstRead bfst;
   std::shared_ptr<DirAhead> dir;  // a subdirectory opened ahead, or null
-  bool done = false;
+  // Set (release) by the thread that read the entry, after its answers.
+  std::atomic<bool> done{false};
 };
 
 // One directory, opened (by the walk or ahead of it) and listed ahead.
+// The fields from `ready` on are guarded by ReadAhead's mutex.
 struct DirAhead {
   std::string path;
   kx::UniqueFd fd;
@@ -63,13 +66,15 @@ struct DirAhead {
   struct stat st {};
   bool has_reads = false;  // its own attributes were read ahead too
   DirReads reads;
-  std::vector<std::uint32_t> position;            // in the walk's order
+  std::vector<std::uint32_t> position;  // in the walk's depth-first order
+
   std::deque<std::unique_ptr<EntryAhead>> ready;  // listed, not yet taken
-  std::uint32_t listed = 0;
+  std::uint32_t listed = 0;                       // entries listed so far
+  std::uint32_t claimed = 0;                      // index of the first entry nobody reads yet
   bool at_end = false;
   int list_errno = 0;
-  bool listing = false;       // a listing task is queued or running
-  bool walk_waiting = false;  // the walk waits for its next entry
+  bool listing = false;       // a thread reads its next entries now
+  bool walk_waiting = false;  // the walk waits for its listing
 };
 
 class ReadAhead {
@@ -86,31 +91,36 @@ class ReadAhead {
                                   std::vector<std::uint32_t> position);
   // The directory of an entry, opened ahead or now (then with its errnos).
   std::shared_ptr<DirAhead> directory_of(DirAhead &parent, EntryAhead &entry);
-  // The next entry of dir with its answers, waiting for them; null at the
-  // end of the listing, with errno 0 or the listing's error.
+  // The next entry of dir with its answers, waiting for them (or reading
+  // it itself when no thread has taken it yet); null at the end of the
+  // listing, with errno 0 or the listing's error.
   std::unique_ptr<EntryAhead> next(DirAhead &dir);
 
  private:
-  struct Task {
-    std::vector<std::uint32_t> position;
-    std::shared_ptr<DirAhead> dir;
-    EntryAhead *entry;  // null: list dir
-    bool operator<(const Task &other) const { return position < other.position; }
+  // Directories with work, the earliest in the walk's order first.
+  struct EarlierFirst {
+    bool operator()(const std::shared_ptr<DirAhead> &a, const std::shared_ptr<DirAhead> &b) const {
+      return a->position < b->position;
+    }
   };
+  using Active = std::set<std::shared_ptr<DirAhead>, EarlierFirst>;
 
   void work();
-  bool runnable(const Task &task) const;
-  void run(const Task &task);
-  void list(const std::shared_ptr<DirAhead> &dir);
+  bool has_entries_to_read(const DirAhead &dir) const;
+  bool may_list(const DirAhead &dir) const;
+  void update_active(const std::shared_ptr<DirAhead> &dir);
+  void read_chunk(const std::shared_ptr<DirAhead> &dir, std::unique_lock<std::mutex> &lock);
+  void list(const std::shared_ptr<DirAhead> &dir, std::unique_lock<std::mutex> &lock);
   void read_entry(DirAhead &dir, EntryAhead &entry);
-  void queue_listing(const std::shared_ptr<DirAhead> &dir);
 
+  const unsigned jobs_;
   const dev_t root_dev_;
   const std::size_t window_;    // entries held ahead of the walk
   const std::size_t max_dirs_;  // directories held open ahead
   std::mutex mutex_;
-  std::condition_variable changed_;
-  std::multiset<Task> queue_;
+  std::condition_variable work_;  // workers wait for work
+  std::condition_variable walk_;  // the walk waits for a listing
+  Active active_;
   std::size_t entries_ahead_ = 0;
   std::size_t dirs_ahead_ = 0;
   bool stopping_ = false;
