@@ -23,7 +23,8 @@ BfstRead read_dir_bfst(int dir_fd) {
 }
 
 int get_dir_vdp(int dir_fd, const char *dir_path, const char *policy_path, OwnedVdp &loaded,
-                bool &has_vdpd_info, bool &policy_unknown, const BfstRead *ahead) {
+                bool &has_vdpd_info, bool &policy_unknown, const BfstRead *ahead,
+                vdpol_hndl_s *handle_ahead) {
   has_vdpd_info = false;
   policy_unknown = false;
   const BfstRead read = ahead != nullptr ? *ahead : read_dir_bfst(dir_fd);
@@ -46,15 +47,20 @@ int get_dir_vdp(int dir_fd, const char *dir_path, const char *policy_path, Owned
   }
   has_vdpd_info = true;
   char err_msg[kErrMsgSize] = {};
-  vdpol_hndl_s *handle = nullptr;
-  if (vdpol_open(policy_path, &handle, err_msg, sizeof err_msg) != 0) {
-    ErrPrintf("Unable to open vdpolicy for directory %s: %s\n", ShownPath(dir_path).c_str(),
-              err_msg);
-    return -1;
+  OwnedPolicyHandle opened;
+  if (handle_ahead == nullptr) {
+    vdpol_hndl_s *handle = nullptr;
+    if (vdpol_open(policy_path, &handle, err_msg, sizeof err_msg) != 0) {
+      ErrPrintf("Unable to open vdpolicy for directory %s: %s\n", ShownPath(dir_path).c_str(),
+                err_msg);
+      return -1;
+    }
+    opened.reset(handle);
   }
   Vdp_t *record = nullptr;
-  int rc = vdpol_load(handle, nullptr, blk_key(event_attr), &record, err_msg, sizeof err_msg);
-  vdpol_close(&handle);
+  int rc = vdpol_load(handle_ahead != nullptr ? handle_ahead : opened.get(), nullptr,
+                      blk_key(event_attr), &record, err_msg, sizeof err_msg);
+  opened.reset();
   if (rc != 0) {
     ErrPrintf("Unable to obtain vdpolicy information for directory %s: %s\n",
               ShownPath(dir_path).c_str(), err_msg);

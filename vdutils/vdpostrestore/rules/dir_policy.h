@@ -19,9 +19,12 @@
 // walk then keeps everything below the directory. The walk opens the
 // directory, and reports a failure to do so as "get_dir_vdp: Cannot open
 // DIR, REASON".
-// `ahead`: the "BFST" as a read-ahead thread read it (null: read it now).
+// `ahead`: the "BFST" as a read-ahead thread read it (null: read it now);
+// `handle_ahead`: a policy handle it opened on `policy_path` (null: open
+// one now).
 int get_dir_vdp(int dir_fd, const char *dir_path, const char *policy_path, OwnedVdp &loaded,
-                bool &has_vdpd_info, bool &policy_unknown, const BfstRead *ahead = nullptr);
+                bool &has_vdpd_info, bool &policy_unknown, const BfstRead *ahead = nullptr,
+                vdpol_hndl_s *handle_ahead = nullptr);
 
 // The read behind get_dir_vdp, without a message.
 BfstRead read_dir_bfst(int dir_fd);

@@ -11,6 +11,12 @@ struct VdpFree {
 };
 using OwnedVdp = std::unique_ptr<Vdp_t, VdpFree>;
 
+// Owner of a policy handle.
+struct VdpolClose {
+  void operator()(vdpol_hndl_s *handle) const { vdpol_close(&handle); }
+};
+using OwnedPolicyHandle = std::unique_ptr<vdpol_hndl_s, VdpolClose>;
+
 struct DirState {
   const Vdp_t *local_vdp = nullptr;  // inherited, or `loaded`
   OwnedVdp loaded;                   // loaded for this directory, freed when it is done

@@ -14,7 +14,8 @@ bool read_dir_view(int fd, const char *path, const char *policy_path, uint64_t i
     state.local_vdp = vdp;
     state.has_vdpd_info = true;
   } else if (get_dir_vdp(fd, path, policy_path, state.loaded, state.has_vdpd_info, policy_unknown,
-                         ahead != nullptr ? &ahead->bfst : nullptr) < 0) {
+                         ahead != nullptr ? &ahead->bfst : nullptr,
+                         ahead != nullptr ? ahead->policy.get() : nullptr) < 0) {
     return false;
   } else {
     state.local_vdp = state.loaded.get();

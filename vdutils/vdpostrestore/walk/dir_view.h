@@ -21,6 +21,7 @@
 struct DirReads {
   BfstRead bfst;
   RelationRead relation;
+  OwnedPolicyHandle policy;  // opened when "BFST" names a policy; null: failed
 };
 [[nodiscard]] bool read_dir_view(int fd, const char *path, const char *policy_path, uint64_t ino,
                                  const Vdp_t *vdp, bool under_relation_point, DirState &state,

@@ -6,10 +6,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
+#include <string>
 
+#include "libutil/kxlog.h"
 #include "rules/dir_attrs.h"
 #include "rules/dir_policy.h"
+#include "settings.h"
 #include "walk/mount_root.h"
 
 namespace {
@@ -30,6 +35,41 @@ std::string child_path(const std::string &parent, const std::string &name) {
   return parent.ends_with('/') ? parent + name : parent + "/" + name;
 }
 
+// The libraries' log lines come from the walk alone: a read-ahead thread's
+// request that fails is made again by the walk, which then logs it in its
+// place in the output.
+thread_local bool t_reading_ahead = false;
+kxfs_logfn_t g_walk_logfn = nullptr;
+kxfs_logfn_t g_walk_debugfn = nullptr;
+
+std::string formatted(const char *format, va_list ap) {
+  va_list copy;
+  va_copy(copy, ap);
+  const int n = std::vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  std::string text(n > 0 ? static_cast<std::size_t>(n) : 0, '\0');
+  if (n > 0) (void)std::vsnprintf(text.data(), text.size() + 1, format, ap);
+  return text;
+}
+
+void walk_only_log(int level, const char *format, ...) {
+  if (t_reading_ahead) return;
+  va_list ap;
+  va_start(ap, format);
+  const std::string text = formatted(format, ap);
+  va_end(ap);
+  g_walk_logfn(level, "%s", text.c_str());
+}
+
+void walk_only_debug(int level, const char *format, ...) {
+  if (t_reading_ahead) return;
+  va_list ap;
+  va_start(ap, format);
+  const std::string text = formatted(format, ap);
+  va_end(ap);
+  g_walk_debugfn(level, "%s", text.c_str());
+}
+
 bool is_dot_or_dotdot(const char *name) {
   return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
@@ -46,6 +86,11 @@ ReadAhead::ReadAhead(unsigned jobs, dev_t root_dev)
       root_dev_(root_dev),
       window_(kEntriesPerJob * jobs),
       max_dirs_(kDirsPerJob * jobs) {
+  // Set before any thread starts, restored after all have ended.
+  g_walk_logfn = __kxfs_logfn;
+  g_walk_debugfn = __kxfs_debugfn;
+  __kxfs_logfn = walk_only_log;
+  __kxfs_debugfn = walk_only_debug;
   workers_.reserve(jobs);
   for (unsigned i = 0; i < jobs; ++i) workers_.emplace_back([this] { work(); });
 }
@@ -57,6 +102,8 @@ ReadAhead::~ReadAhead() {
   }
   work_.notify_all();
   for (std::thread &worker : workers_) worker.join();
+  __kxfs_logfn = g_walk_logfn;
+  __kxfs_debugfn = g_walk_debugfn;
 }
 
 std::shared_ptr<DirAhead> ReadAhead::adopt(std::string path, kx::UniqueFd fd, const struct stat &st,
@@ -149,6 +196,7 @@ void ReadAhead::update_active(const std::shared_ptr<DirAhead> &dir) {
 }
 
 void ReadAhead::work() {
+  t_reading_ahead = true;
   std::unique_lock lock(mutex_);
   while (!stopping_) {
     auto found = std::find_if(active_.begin(), active_.end(), [this](const auto &dir) {
@@ -225,6 +273,25 @@ void ReadAhead::list(const std::shared_ptr<DirAhead> &shared, std::unique_lock<s
   walk_.notify_all();
 }
 
+// What the walk reads of a directory before its entries: its "BFST", a
+// handle on the policy it names (a failure to open one is left for the
+// walk to meet again, with its message), and its relation-point attributes.
+void ReadAhead::read_directory(DirAhead &dir) const {
+  DirReads &reads = dir.reads;
+  reads.bfst = read_dir_bfst(dir.fd.get());
+  if (reads.bfst.read_errno == 0 && reads.bfst.len >= kBlkKeyEnd) {
+    // The walk opens the policy on the directory's path, or on the mount
+    // point when that path is too long for the driver.
+    const bool by_path = dir.path.size() < DM_PATH_MAX || dir.st.st_dev != root_dev_;
+    vdpol_hndl_s *handle = nullptr;
+    char err_msg[256];
+    if (vdpol_open(by_path ? dir.path.c_str() : Mount_Point, &handle, err_msg, sizeof err_msg) == 0)
+      reads.policy.reset(handle);
+  }
+  reads.relation = read_relation_attrs(dir.fd.get(), dir.path.c_str(), dir.st.st_ino);
+  dir.has_reads = true;
+}
+
 void ReadAhead::read_entry(DirAhead &dir, EntryAhead &entry) {
   if (entry.dot) return;
   if (!stat_entry(dir.fd.get(), entry.name.c_str(), entry.st, entry.mount_root)) {
@@ -258,11 +325,7 @@ void ReadAhead::read_entry(DirAhead &dir, EntryAhead &entry) {
     std::lock_guard lock(mutex_);
     update_active(sub);
   }
-  if (opened && S_ISDIR(sub->st.st_mode)) {
-    sub->reads.bfst = read_dir_bfst(sub->fd.get());
-    sub->reads.relation = read_relation_attrs(sub->fd.get(), sub->path.c_str(), sub->st.st_ino);
-    sub->has_reads = true;
-  }
+  if (opened && S_ISDIR(sub->st.st_mode)) read_directory(*sub);
   std::lock_guard lock(mutex_);
   entry.dir = sub;
 }

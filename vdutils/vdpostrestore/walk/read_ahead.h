@@ -112,6 +112,7 @@ class ReadAhead {
   void read_chunk(const std::shared_ptr<DirAhead> &dir, std::unique_lock<std::mutex> &lock);
   void list(const std::shared_ptr<DirAhead> &dir, std::unique_lock<std::mutex> &lock);
   void read_entry(DirAhead &dir, EntryAhead &entry);
+  void read_directory(DirAhead &dir) const;
 
   const unsigned jobs_;
   const dev_t root_dev_;
