@@ -41,7 +41,7 @@ function(vd_add_library target)
   set_target_properties(${target}_shared PROPERTIES
     OUTPUT_NAME ${ARG_NAME} EXPORT_NAME ${ARG_NAME}
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-    # Installed, each finds the others beside it, whatever the prefix.
+    # Installed, each finds the others beside it (but see the install rules).
     INSTALL_RPATH "$ORIGIN")
 
   foreach(t ${target} ${target}_shared)
@@ -54,6 +54,21 @@ function(vd_add_library target)
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
           LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
           INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  # $ORIGIN serves installs into a prefix of one's own. In a directory that
+  # the loader searches anyway (/usr/lib/<triplet> of the packages) it is
+  # redundant, and Debian wants no search path in a public library there.
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+    set(libdir "${CMAKE_INSTALL_LIBDIR}")
+  else()
+    set(libdir "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
+  endif()
+  install(CODE "
+    cmake_path(SET _vd_libdir NORMALIZE \"${libdir}\")
+    set(_vd_loader_dirs \"${CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES}\")
+    list(FIND _vd_loader_dirs \"\${_vd_libdir}\" _vd_at)
+    if(NOT _vd_at EQUAL -1)
+      file(RPATH_REMOVE FILE \"\$ENV{DESTDIR}\${_vd_libdir}/$<TARGET_FILE_NAME:${target}_shared>\")
+    endif()")
   vd_install_pkgconfig(${ARG_NAME} "${ARG_DESCRIPTION}" "${ARG_REQUIRES}"
                        "${ARG_REQUIRES_PRIVATE}")
 endfunction()
