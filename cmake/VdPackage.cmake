@@ -27,15 +27,24 @@ install(FILES ${PROJECT_BINARY_DIR}/VdpostrestoreConfig.cmake
 set(VD_PACKAGE_MAINTAINER "Vexo vdpostrestore maintainers <vdpostrestore@vexo.example>"
     CACHE STRING "Maintainer field of the Debian package")
 install(DIRECTORY DESTINATION /usr/vexo/logs COMPONENT deb EXCLUDE_FROM_ALL)
-string(TIMESTAMP VD_PACKAGE_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
-configure_file(${CMAKE_CURRENT_LIST_DIR}/debian/changelog.in
-               ${PROJECT_BINARY_DIR}/debian/changelog @ONLY)
-execute_process(COMMAND gzip -9nf ${PROJECT_BINARY_DIR}/debian/changelog
+# The changelog is kept by hand; a release that forgot its entry must not
+# ship the previous one's.
+set(_vd_debian ${CMAKE_CURRENT_LIST_DIR}/debian)
+set(_vd_deb_tree ${PROJECT_BINARY_DIR}/debian)
+file(STRINGS ${_vd_debian}/changelog _vd_changelog_top LIMIT_COUNT 1)
+if(NOT _vd_changelog_top MATCHES "^${PROJECT_NAME} \\(${PROJECT_VERSION}\\) ")
+  message(FATAL_ERROR "cmake/debian/changelog does not start with an entry for "
+                      "${PROJECT_NAME} ${PROJECT_VERSION}: ${_vd_changelog_top}")
+endif()
+file(MAKE_DIRECTORY ${_vd_deb_tree})
+execute_process(COMMAND sh -c "gzip -9nc \"$1\" > \"$2\"" sh ${_vd_debian}/changelog
+                        ${_vd_deb_tree}/changelog.gz
                 RESULT_VARIABLE _vd_gzip_result)
 if(NOT _vd_gzip_result EQUAL 0)
   message(FATAL_ERROR "gzip of the package changelog failed")
 endif()
-install(FILES ${CMAKE_CURRENT_LIST_DIR}/debian/copyright ${PROJECT_BINARY_DIR}/debian/changelog.gz
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${_vd_debian}/changelog)
+install(FILES ${_vd_debian}/copyright ${_vd_deb_tree}/changelog.gz
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${PROJECT_NAME} COMPONENT deb EXCLUDE_FROM_ALL)
 
 set(CPACK_GENERATOR DEB)
