@@ -44,7 +44,7 @@ function(vd_add_library target)
   set_target_properties(${target}_shared PROPERTIES
     OUTPUT_NAME ${ARG_NAME} EXPORT_NAME ${ARG_NAME}
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-    # Installed, each finds the others beside it, whatever the prefix.
+    # Installed, each finds the others beside it (but see the install rules).
     INSTALL_RPATH "$ORIGIN")
 
   foreach(t ${target} ${target}_shared)
@@ -56,10 +56,30 @@ function(vd_add_library target)
   endforeach()
 
   set_property(GLOBAL APPEND PROPERTY VD_INSTALLED_TARGETS ${target} ${target}_shared)
+  # The shared library is the runtime component <installed name> (a package
+  # of its own); its unversioned link and the archive are for developers.
+  set_property(GLOBAL APPEND PROPERTY VD_SHARED_LIBRARIES ${ARG_NAME})
+  set_property(GLOBAL PROPERTY VD_SHARED_LIBRARY_TARGET_${ARG_NAME} ${target}_shared)
+  set_property(GLOBAL PROPERTY VD_SHARED_LIBRARY_DESCRIPTION_${ARG_NAME} "${ARG_DESCRIPTION}")
   install(TARGETS ${target} ${target}_shared EXPORT VdTargets
-          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${ARG_NAME} NAMELINK_COMPONENT dev
           INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  # $ORIGIN serves installs into a prefix of one's own. In a directory that
+  # the loader searches anyway (/usr/lib/<triplet> of the packages) it is
+  # redundant, and Debian wants no search path in a public library there.
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+    set(libdir "${CMAKE_INSTALL_LIBDIR}")
+  else()
+    set(libdir "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
+  endif()
+  install(CODE "
+    cmake_path(SET _vd_libdir NORMALIZE \"${libdir}\")
+    set(_vd_loader_dirs \"${CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES}\")
+    list(FIND _vd_loader_dirs \"\${_vd_libdir}\" _vd_at)
+    if(NOT _vd_at EQUAL -1)
+      file(RPATH_REMOVE FILE \"\$ENV{DESTDIR}\${_vd_libdir}/$<TARGET_FILE_NAME:${target}_shared>\")
+    endif()" COMPONENT ${ARG_NAME})
   vd_install_pkgconfig(${ARG_NAME} "${ARG_DESCRIPTION}" "${ARG_REQUIRES}"
                        "${ARG_REQUIRES_PRIVATE}")
 endfunction()
@@ -96,5 +116,5 @@ function(vd_install_pkgconfig name description requires requires_private)
     configure_file(\"${template}\"
                    \"${PROJECT_BINARY_DIR}/pkgconfig/\${_vd_pc_scratch}/${name}.pc\" @ONLY)
     file(INSTALL \"${PROJECT_BINARY_DIR}/pkgconfig/\${_vd_pc_scratch}/${name}.pc\"
-         DESTINATION \"${destination}\")")
+         DESTINATION \"${destination}\")" COMPONENT dev)
 endfunction()

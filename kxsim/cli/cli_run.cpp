@@ -16,7 +16,7 @@
 #define KXSIM_RUNTIME_PRELOAD ""
 #endif
 // Where an installed libkxsim.so lies, relative to the installed kxsim
-// (e.g. "../lib"); empty in builds that are never installed.
+// (e.g. "../lib/kxsim"); empty in builds that are never installed.
 #ifndef KXSIM_LIBDIR_FROM_BINDIR
 #define KXSIM_LIBDIR_FROM_BINDIR ""
 #endif
@@ -24,8 +24,8 @@
 namespace kxsim::cli {
 
 namespace {
-// libkxsim.so lives next to the kxsim binary in the build tree, and in the
-// library directory once installed (KXSIM_LIBDIR_FROM_BINDIR away from it).
+// libkxsim.so lives next to the kxsim binary in the build tree, and in its
+// own directory below libdir once installed (KXSIM_LIBDIR_FROM_BINDIR away).
 std::string library_path() {
   char self[PATH_MAX];
   ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
