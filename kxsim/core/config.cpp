@@ -1,6 +1,7 @@
 #include "kxsim/core/config.h"
 
 #include "kxsim/core/hex.h"
+#include "kxsim/core/text_lines.h"
 
 #include <cstdio>
 
@@ -63,21 +64,16 @@ bool parse_mount_line(std::string_view line, Mount &m) {
 
 bool parse_config(std::string_view text, Config &out, std::string &error) {
   out.mounts.clear();
-  int lineno = 0;
-  while (!text.empty()) {
-    std::size_t nl = text.find('\n');
-    std::string_view line = text.substr(0, nl);
-    text = nl == std::string_view::npos ? std::string_view() : text.substr(nl + 1);
-    ++lineno;
-    if (line.empty() || line[0] == '#') continue;
+  return parse_lines(text, error, [&](std::string_view line, std::string &why) {
+    if (line.empty() || line[0] == '#') return true;
     Mount m;
     if (!parse_mount_line(line, m)) {
-      error = "line " + std::to_string(lineno) + ": malformed mount entry";
+      why = "malformed mount entry";
       return false;
     }
     out.mounts.push_back(std::move(m));
-  }
-  return true;
+    return true;
+  });
 }
 
 std::string format_config(const Config &cfg) {

@@ -1,5 +1,7 @@
 #include "kxsim/core/object_state.h"
 
+#include "kxsim/core/text_lines.h"
+
 #include <vector>
 
 namespace kxsim {
@@ -69,20 +71,13 @@ bool parse_line(const std::vector<std::string_view> &w, ObjectState &out) {
 
 bool parse_object_state(std::string_view text, ObjectState &out, std::string &error) {
   out = ObjectState{};
-  int lineno = 0;
-  while (!text.empty()) {
-    std::size_t nl = text.find('\n');
-    std::string_view line = text.substr(0, nl);
-    text = nl == std::string_view::npos ? std::string_view() : text.substr(nl + 1);
-    ++lineno;
+  return parse_lines(text, error, [&](std::string_view line, std::string &why) {
     auto words = split_words(line);
-    if (words.empty() || words[0].starts_with('#')) continue;
-    if (!parse_line(words, out)) {
-      error = "line " + std::to_string(lineno) + ": malformed \"" + std::string(line) + "\"";
-      return false;
-    }
-  }
-  return true;
+    if (words.empty() || words[0].starts_with('#')) return true;
+    if (parse_line(words, out)) return true;
+    why = "malformed \"" + std::string(line) + "\"";
+    return false;
+  });
 }
 
 std::string format_object_state(const ObjectState &st) {

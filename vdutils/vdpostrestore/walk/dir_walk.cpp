@@ -160,7 +160,17 @@ class Walker {
   }
 
   bool process_entries(DirEntries &entries, const DirState &state) {
-    while (const char *name = entries.next()) {
+    return for_each_entry([&] { return entries.next(); },
+                          [](const char *name) { return name; },
+                          [&](const char *name) { return examine_entry(entries.fd(), name, state); });
+  }
+
+  // The one entry loop of both walks; they differ in where the next entry
+  // comes from (a listing, or the read-ahead window) and how it is examined.
+  template <typename Next, typename NameOf, typename Examine>
+  bool for_each_entry(Next next, NameOf name_of, Examine examine) {
+    while (auto entry = next()) {
+      const char *name = name_of(entry);
       switch (begin_entry(name)) {
         case Entry::kStop:
           return false;
@@ -169,8 +179,7 @@ class Walker {
         case Entry::kExamine:
           break;
       }
-      if (!with_entry_path(name, [&] { return examine_entry(entries.fd(), name, state); }))
-        return false;
+      if (!with_entry_path(name, [&] { return examine(entry); })) return false;
     }
     return end_of_entries();
   }
@@ -239,20 +248,10 @@ class Walker {
                            dir.has_reads ? &dir.reads : nullptr))
       return false;
     VPrintf(4, "Calling opendir.\n");
-    while (std::unique_ptr<EntryAhead> entry = ahead_->next(dir)) {
-      const char *name = entry->name.c_str();
-      switch (begin_entry(name)) {
-        case Entry::kStop:
-          return false;
-        case Entry::kSkip:
-          continue;
-        case Entry::kExamine:
-          break;
-      }
-      if (!with_entry_path(name, [&] { return examine_entry_ahead(dir, *entry, state); }))
-        return false;
-    }
-    return end_of_entries();
+    using Ahead = std::unique_ptr<EntryAhead>;
+    return for_each_entry([&] { return ahead_->next(dir); },
+                          [](const Ahead &entry) { return entry->name.c_str(); },
+                          [&](Ahead &entry) { return examine_entry_ahead(dir, *entry, state); });
   }
 
   bool examine_entry_ahead(DirAhead &dir, EntryAhead &entry, const DirState &state) {
