@@ -232,6 +232,7 @@ def main():
     parser.add_argument("--build-dir", default="build/debug")
     parser.add_argument("--timeout", type=int, default=600, help="seconds per mutant")
     parser.add_argument("--tests", default="", help="ctest -R regex (default: every test)")
+    parser.add_argument("--exclude", default="", help="ctest -E regex: tests left out")
     parser.add_argument("--list", action="store_true", help="list the mutants, run nothing")
     parser.add_argument("--lines", default="", help="only mutants on lines A-B")
     args = parser.parse_args()
@@ -253,6 +254,8 @@ def main():
             "-LE", "demo", "--timeout", str(args.timeout)]
     if args.tests:
         test += ["-R", args.tests]
+    if args.exclude:
+        test += ["-E", args.exclude]
     if run(build, args.timeout) != 0 or run(test, args.timeout) != 0:
         print("the unmutated tree does not build or pass its tests", file=sys.stderr)
         return 2
