@@ -29,8 +29,8 @@ TEST_F(PostRestoreFaultTest, FailuresThatEndTheRunOrAreReported) {
     std::string err;  // "<d1>" and "<mnt>" stand for those paths
     bool reported;    // whether d1/f is in the log
   } cases[] = {
-      {"kind=ioctl,code=1038,name=VDEA,path=/d1,errno=EIO", false, false, 1,
-       "Failed to get xattr for directory <d1>: Input/output error.\n", false},
+      {"kind=ioctl,code=1038,name=VDEA,path=/d1,errno=EPERM", false, false, 1,
+       "Failed to get xattr for directory <d1>: Operation not permitted.\n", false},
       // Without the mount table the library cannot find the file system,
       // so nothing tells where the tree lies in it.
       {"kind=ioctl,code=0x8010e693,errno=EIO", true, true, 1,

@@ -76,9 +76,9 @@ TEST_F(PostRestoreManagedTest, KeyPolicyInformationIsStrippedOutsideRelationPoin
 
 // Under an object-store policy a blockless file goes only when its own
 // "BFST" shows no stored copy, or when it has none; one whose "BFST" says
-// nothing (too short to hold the flags) stays, and so does everything
-// under a directory whose "BFST" is too short to hold a key. Nothing is
-// stripped there.
+// nothing (too short to hold the flags) or that cannot be opened stays, and
+// so does everything under a directory whose "BFST" is too short to hold a
+// key. Nothing is stripped there, and -v adds no message.
 TEST_F(PostRestoreManagedTest, ObjectStoreFilesAreKeptByTheirFlags) {
   fs.policy("key_8", "objs=on,objs_id=cloud1,objs_namespace=bucket1\n");
   fs.keyed_dir("w", 8);
@@ -95,11 +95,15 @@ TEST_F(PostRestoreManagedTest, ObjectStoreFilesAreKeptByTheirFlags) {
   ASSERT_TRUE(fs.MakeDir("odd"));
   fs.sim({"attr", "set", fs.Path("odd"), "BFST", "08"});
   fs.blockless("odd/sub/f", 100);
+  fs.blockless("w/unopened", 100);
+  const std::string faults = "kind=open,path=/w/unopened,errno=EACCES";
   RunOptions opts;
   opts.env["KXFSCONF"] = fs.objs_conf_dir();
-  CmdResult r = fs.run({"-vv"}, "", opts);
+  CmdResult r = fs.run({"-vv"}, faults, opts);
   ASSERT_EQ(0, r.exit_code) << r.err;
-  EXPECT_EQ(sorted({"Failed to get xattr for directory " + fs.Path("odd") +
+  EXPECT_EQ(sorted({"Cannot open WAS managed file " + fs.Path("w/unopened") +
+                        ", errno=13: Permission denied",
+                    "Failed to get xattr for directory " + fs.Path("odd") +
                         ": value of 1 byte is too short.",
                     "Unable to obtain BFST EA for vdpolicyd managed file " + fs.Path("w/noattr") +
                         ": No data available",
@@ -108,8 +112,11 @@ TEST_F(PostRestoreManagedTest, ObjectStoreFilesAreKeptByTheirFlags) {
             sorted(vdtest::SplitLines(r.err)));
   EXPECT_EQ(2u, grep(r.out, "  Truncated file stored to WAS, Skipping").size());
   EXPECT_EQ(1u, grep(r.out, "  Truncated file under WAS policy, but not stored to WAS.").size());
+  EXPECT_EQ(2u, grep(r.out, "  Cannot tell whether the file is stored to WAS, Skipping").size());
   EXPECT_EQ(sorted({fs.Path("w/noattr"), fs.Path("w/plain")}), fs.logged());
   EXPECT_TRUE(has_bfst("w/stored"));
+  EXPECT_EQ(fs.run({}, faults, opts).out, fs.run({"-v"}, faults, opts).out)
+      << "-v adds no message";
 }
 
 // The question is asked once however many directories deduplicate (not at
@@ -133,6 +140,7 @@ TEST_F(PostRestoreManagedTest, DedupQuestionDecidesOnceForBlockpoolFiles) {
   opts.stdin_text = "no\n";
   r = fs.run({}, "", opts);
   ASSERT_EQ(0, r.exit_code) << r.err;
+  EXPECT_EQ("", r.err) << "files not kept are not asked about";
   EXPECT_EQ(1u, grep(r.out, question).size());
   EXPECT_EQ(4u, fs.logged().size());
   EXPECT_FALSE(has_bfst("d1/pooled"));

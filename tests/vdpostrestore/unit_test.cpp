@@ -1,18 +1,24 @@
 // Units of the tool that need no simulated file system: the mount point's
 // trailing slashes (a lone "/" cannot be walked in a test), the operator's
-// one question, how paths are shown, and the last look before a file
-// examined ahead of the walk goes.
+// one question, how paths are shown, the last look before a file examined
+// ahead of the walk goes, how a file is opened for its "BFST", and how a
+// directory's relation-point answers are judged.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "options.h"
+#include "rules/dir_attrs.h"
 #include "rules/dir_policy.h"
 #include "rules/file_rules.h"
 #include "settings.h"
@@ -44,22 +50,81 @@ TEST(PostRestoreReadAheadRaceTest, FileChangedSinceItWasExaminedIsKept) {
   examined("replaced");
   LogFile = std::tmpfile();
   Remove_Files = 1;
-  Verbosity = 0;
+  testing::internal::CaptureStdout();
   for (const auto &[name, st] : {std::pair{"written", written}, std::pair{"replaced", replaced},
                                  std::pair{"unchanged", unchanged}}) {
     const std::string path = (dir / name).string();
     const FileRef file{dir_fd, name, path.c_str(), nullptr, true, st.st_dev, st.st_ino};
     EXPECT_TRUE(apply_file_rules(file, st, DirState{})) << name;
   }
+  const std::string shown = dir.string();
+  EXPECT_EQ("  File " + shown + "/written changed since it was examined, Skipping.\n"
+            "  File " + shown + "/replaced changed since it was examined, Skipping.\n"
+            "  Removing file " + shown + "/unchanged.\n",
+            testing::internal::GetCapturedStdout());
   EXPECT_TRUE(std::filesystem::exists(dir / "written"));
   EXPECT_TRUE(std::filesystem::exists(dir / "replaced"));
   EXPECT_FALSE(std::filesystem::exists(dir / "unchanged"));
   std::fclose(LogFile);
   LogFile = nullptr;
   Remove_Files = 0;
-  Verbosity = 1;
   close(dir_fd);
   std::filesystem::remove_all(dir);
+}
+
+// A file's "BFST" is read through a descriptor of the file itself: a link
+// planted in its place is not followed, and a FIFO does not hold the run.
+TEST(PostRestoreReadBfstTest, NeitherFollowsALinkNorWaitsOnAFifo) {
+  const std::filesystem::path dir =
+      std::filesystem::temp_directory_path() / ("bfst." + std::to_string(getpid()));
+  std::filesystem::create_directories(dir);
+  std::ofstream(dir / "target").close();
+  std::filesystem::create_symlink(dir / "target", dir / "link");
+  ASSERT_EQ(0, mkfifo((dir / "fifo").c_str(), 0600));
+  const int dir_fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_GE(dir_fd, 0);
+  EXPECT_EQ(ELOOP, read_bfst(FileRef{dir_fd, "link", "link"}).open_errno);
+  alarm(10);  // a blocking open would hang the test: end it instead
+  EXPECT_EQ(0, read_bfst(FileRef{dir_fd, "fifo", "fifo"}).open_errno);
+  alarm(0);
+  close(dir_fd);
+  std::filesystem::remove_all(dir);
+}
+
+// What the answers to a directory's requests make of it: a relation point
+// only with "VDEA" and all three events, and a directory whose events
+// cannot be read; the run stops where the directory cannot be resolved, is
+// no longer the one held open, or its "VDEA" cannot be read for another
+// reason than its absence.
+TEST(PostRestoreDirAttrsTest, EachAnswerIsJudged) {
+  constexpr dm_eventset_t kAll = 0x1120;
+  const std::string gone = ": No such file or directory.\n";
+  const struct {
+    RelationRead read;
+    bool ok, relation_point;
+    std::string err;
+  } cases[] = {
+      {{.handle_errno = EIO}, false, false,
+       "Failed to get path-to-handle for directory /fs/d: Input/output error.\n"},
+      {{}, false, false, "Directory /fs/d changed while it was being processed.\n"},
+      {{.names_dir = true, .events = kAll}, true, true, ""},
+      {{.names_dir = true, .events = 0x1100}, true, false, ""},
+      {{.names_dir = true, .fileattr_errno = EIO}, true, true,
+       "Failed to get attributes for directory /fs/d: Input/output error.\n"},
+      {{.names_dir = true, .vdea_errno = ENODATA}, true, false, ""},
+      {{.names_dir = true, .vdea_errno = ENOENT, .fs_located = true}, true, false, ""},
+      {{.names_dir = true, .vdea_errno = ENOENT}, false, false,
+       "Failed to get xattr for directory /fs/d" + gone},
+      {{.names_dir = true, .vdea_errno = EIO, .fs_located = true}, false, false,
+       "Failed to get xattr for directory /fs/d: Input/output error.\n"},
+  };
+  for (const auto &c : cases) {
+    bool relation_point = !c.relation_point;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(c.ok, get_dir_attrs(-1, "/fs/d", 0, relation_point, &c.read)) << c.err;
+    EXPECT_EQ(c.err, testing::internal::GetCapturedStderr());
+    EXPECT_EQ(c.relation_point, relation_point) << c.err;
+  }
 }
 
 TEST(PostRestoreOptionsTest, StripTrailingSlashesKeepsALoneSlash) {
