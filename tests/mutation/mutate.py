@@ -235,6 +235,8 @@ def main():
     parser.add_argument("--exclude", default="", help="ctest -E regex: tests left out")
     parser.add_argument("--list", action="store_true", help="list the mutants, run nothing")
     parser.add_argument("--lines", default="", help="only mutants on lines A-B")
+    parser.add_argument("--survivors", default="",
+                        help="only the mutants an earlier run's output says SURVIVED")
     args = parser.parse_args()
 
     Journal.recover()
@@ -242,6 +244,13 @@ def main():
     if args.lines:
         first, _, last = args.lines.partition("-")
         mutants = [m for m in mutants if int(first) <= m.line <= int(last or first)]
+    if args.survivors:
+        survived = {line.split(None, 1)[1].strip()
+                    for line in Path(args.survivors).read_text().splitlines()
+                    if line.startswith("SURVIVED ")}
+        # A deleted call that spans lines is printed on several: its first
+        # line names it.
+        mutants = [m for m in mutants if m.ident.split("\n")[0] in survived]
     equivalent = load_equivalents()
     if args.list:
         for m in mutants:
