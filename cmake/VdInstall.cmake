@@ -68,11 +68,7 @@ function(vd_add_library target)
   # $ORIGIN serves installs into a prefix of one's own. In a directory that
   # the loader searches anyway (/usr/lib/<triplet> of the packages) it is
   # redundant, and Debian wants no search path in a public library there.
-  if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
-    set(libdir "${CMAKE_INSTALL_LIBDIR}")
-  else()
-    set(libdir "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
-  endif()
+  vd_installed_libdir(libdir)
   install(CODE "
     cmake_path(SET _vd_libdir NORMALIZE \"${libdir}\")
     set(_vd_loader_dirs \"${CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES}\")
@@ -82,6 +78,16 @@ function(vd_add_library target)
     endif()" COMPONENT ${ARG_NAME})
   vd_install_pkgconfig(${ARG_NAME} "${ARG_DESCRIPTION}" "${ARG_REQUIRES}"
                        "${ARG_REQUIRES_PRIVATE}")
+endfunction()
+
+# vd_installed_libdir(<var>): the library directory as an install script
+# sees it, under the prefix of the install run unless it is absolute.
+function(vd_installed_libdir var)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+    set(${var} "${CMAKE_INSTALL_LIBDIR}" PARENT_SCOPE)
+  else()
+    set(${var} "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}" PARENT_SCOPE)
+  endif()
 endfunction()
 
 # vd_install_pkgconfig(<name> <description> <requires> <requires.private>)
@@ -103,11 +109,8 @@ function(vd_install_pkgconfig name description requires requires_private)
   set(template ${PROJECT_BINARY_DIR}/pkgconfig/${name}.pc.in)
   configure_file(${CMAKE_CURRENT_FUNCTION_LIST_DIR}/vd_library.pc.in ${template} @ONLY)
 
-  if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
-    set(destination "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
-  else()
-    set(destination "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig")
-  endif()
+  vd_installed_libdir(libdir)
+  set(destination "${libdir}/pkgconfig")
   # One scratch file per destination: installs into different prefixes may
   # run at the same time (the install test, the package check).
   install(CODE "
